@@ -173,15 +173,16 @@ int64_t decodeInteger(const Decoder& d, std::string_view typeName, int64_t min, 
     const auto doesNotFit = [&] {
         d.throwDataCorrupted(fmt::format("Parsed JSON number <{}> does not fit in {}.", j.dump(), typeName));
     };
-    if (j.is_number_integer()) {
-        const int64_t v = j.get<int64_t>();
-        if (v < min || v > max) doesNotFit();
-        return v;
-    }
+    // nlohmann counts unsigned numbers as integers too: ask for unsigned first.
     if (j.is_number_unsigned()) {
         const uint64_t v = j.get<uint64_t>();
         if (v > static_cast<uint64_t>(max)) doesNotFit();
         return static_cast<int64_t>(v);
+    }
+    if (j.is_number_integer()) {
+        const int64_t v = j.get<int64_t>();
+        if (v < min || v > max) doesNotFit();
+        return v;
     }
     const double v = j.get<double>();
     if (!(v == std::floor(v)) || v < static_cast<double>(min) || v >= -static_cast<double>(min) ||

@@ -251,16 +251,22 @@ TEST(RpcFuzz, EveryReadableHeaderIsAnsweredExactlyOnce) {
     expectedIds.push_back("last");
     // Written from a thread of its own: the child blocks on a full output pipe
     // until we read, so writing and reading must overlap.
-    std::thread writer([&] { rpc->write(batch); });
+    std::thread writer([&] {
+        try {
+            rpc->write(batch);
+        } catch (const std::exception&) {
+            // The reader below reports the missing responses.
+        }
+    });
 
     std::vector<std::string> ids;
     for (;;) {
         auto line = rpc->readLine(std::chrono::milliseconds(20000));
-        ASSERT_TRUE(line) << "missing responses after " << ids.size();
-        auto j = json::parse(*line);
-        ids.push_back(j["id"]);
+        if (!line) break;
+        ids.push_back(json::parse(*line)["id"]);
         if (ids.back() == "last") break;
     }
+    if (ids.empty() || ids.back() != "last") rpc->kill();  // unblocks the writer
     writer.join();
     ASSERT_TRUE(rpc->running());
     EXPECT_GT(sent, 3999);
