@@ -157,26 +157,19 @@ std::string CMTimeFlags::description() const {
 CMTime CMTime::makeWithSeconds(double seconds, CMTimeScale preferredTimescale) {
     if (std::isnan(seconds) || preferredTimescale <= 0) return kCMTimeInvalid;
     if (std::isinf(seconds)) return seconds > 0 ? kCMTimePositiveInfinity : kCMTimeNegativeInfinity;
-    if (seconds == 0) return CMTime(0, preferredTimescale);
-
-    // seconds == mantissa × 2^exponent exactly, with a 53-bit integer mantissa,
-    // so that rounding to the tick is exact rather than off by a double's error.
-    int exponent = 0;
-    double fraction = std::frexp(seconds, &exponent);
-    const auto mantissa = static_cast<int64_t>(std::ldexp(fraction, 53));
-    exponent -= 53;
-    if (exponent > 70) return seconds > 0 ? kCMTimePositiveInfinity : kCMTimeNegativeInfinity;
-    if (exponent < -120) {
-        // Far below half a tick of any timescale.
-        return CMTime(0, preferredTimescale, CMTimeFlags::valid | CMTimeFlags::hasBeenRounded, 0);
+    // The tick is taken from the product in double precision, as the platform
+    // does: 0.15 s at timescale 10 is the tick 2, which is what was meant, even
+    // though the double nearest 0.15 lies a hair below it.
+    for (int64_t timescale = preferredTimescale;; timescale /= 2) {
+        const double product = seconds * static_cast<double>(timescale);
+        const double rounded = std::round(product);  // halves away from zero
+        if (rounded >= -9223372036854775808.0 && rounded < 9223372036854775808.0) {
+            CMTimeFlags flags = CMTimeFlags::valid;
+            if (rounded != product) flags = flags | CMTimeFlags::hasBeenRounded;
+            return CMTime(static_cast<int64_t>(rounded), static_cast<CMTimeScale>(timescale), flags, 0);
+        }
+        if (timescale <= 1) return seconds > 0 ? kCMTimePositiveInfinity : kCMTimeNegativeInfinity;
     }
-    Int128 num = mantissa;
-    Int128 den = 1;
-    if (exponent >= 0)
-        num *= static_cast<Int128>(1) << exponent;
-    else
-        den <<= -exponent;
-    return fromRational(num, den, preferredTimescale, CMTimeRoundingMethod::defaultMethod, false, 0, true);
 }
 
 double CMTime::seconds() const {

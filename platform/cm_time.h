@@ -86,9 +86,10 @@ struct CMTime {
     constexpr CMTime(CMTimeValue value_, CMTimeScale timescale_, CMTimeFlags flags_, CMTimeEpoch epoch_)
         : value(value_), timescale(timescale_), flags(flags_), epoch(epoch_) {}
 
-    // The nearest tick of `preferredTimescale` to `seconds`, halves rounded away
-    // from zero, with hasBeenRounded when that is not exact. Where the value
-    // does not fit 64 bits the timescale is halved until it does. NaN gives an
+    // The nearest tick of `preferredTimescale` to `seconds` (the product
+    // seconds × timescale in double precision, halves rounded away from zero),
+    // with hasBeenRounded when the product was not whole. Where the value does
+    // not fit 64 bits the timescale is halved until it does. NaN gives an
     // invalid time, ±infinity the infinite times.
     static CMTime makeWithSeconds(double seconds, CMTimeScale preferredTimescale);
 
