@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <limits>
 #include <numeric>
+#include <ostream>
 
 #include <fmt/format.h>
 
@@ -210,6 +211,8 @@ CMTime CMTime::operator-() const {
     return fromRational(-static_cast<Int128>(value), timescale, timescale, CMTimeRoundingMethod::defaultMethod,
                         flags.contains(CMTimeFlags::hasBeenRounded), epoch, true);
 }
+
+std::ostream& operator<<(std::ostream& os, const CMTime& time) { return os << time.debugDescription(); }
 
 CMTime operator+(const CMTime& lhs, const CMTime& rhs) { return addOrSubtract(lhs, rhs, false); }
 CMTime operator-(const CMTime& lhs, const CMTime& rhs) { return addOrSubtract(lhs, rhs, true); }

@@ -16,6 +16,7 @@
 
 #include <compare>
 #include <cstdint>
+#include <iosfwd>
 #include <string>
 
 namespace ov::platform {
@@ -127,6 +128,9 @@ struct CMTime {
     friend std::weak_ordering operator<=>(const CMTime& lhs, const CMTime& rhs);
     friend bool operator==(const CMTime& lhs, const CMTime& rhs) { return (lhs <=> rhs) == 0; }
 };
+
+// Writes debugDescription(), so that test failures show times readably.
+std::ostream& operator<<(std::ostream& os, const CMTime& time);
 
 inline constexpr CMTime kCMTimeInvalid{};
 inline constexpr CMTime kCMTimeZero{0, 1};

@@ -27,6 +27,9 @@ namespace timeline_text {
 
 std::string bound(double seconds) {
     if (std::isinf(seconds)) return seconds > 0 ? "∞" : "-∞";
+    // ∞ − ∞ of a waiting entry's length carries a sign bit on this machine;
+    // the text is plain "nan" everywhere.
+    if (std::isnan(seconds)) return "nan";
     return fmt::format("{:.3f}", seconds);
 }
 
