@@ -73,6 +73,7 @@ std::optional<AVAudioFormat> AVAudioFormat::fromStreamDescription(const AudioStr
     // The format description's checks are the ones that matter: a format that
     // cannot describe sample buffers is no format here either.
     if (d.mFormatID != kAudioFormatLinearPCM || !CMFormatDescription::makeAudio(d)) return std::nullopt;
+    // More channels than any device here delivers is a corrupt description.
     if (d.mChannelsPerFrame > 64) return std::nullopt;
     return AVAudioFormat(d, commonFormatOf(d));
 }
