@@ -1,16 +1,15 @@
 #include "output/streaming_json_writer.h"
 
-#include <fmt/format.h>
-
 #include "platform/platform_error.h"
 
 namespace ov {
 
-StreamingJSONWriter::StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, platform::OSLog logger)
-    : logger_(std::move(logger)),
-      commitInterval_(std::chrono::nanoseconds(static_cast<int64_t>(commitInterval * 1e9))),
+StreamingJSONWriter::StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, const Logger& logger)
+    : logger_(logger.with("StreamingJSONWriter")),
       fileUrl_(std::move(fileUrl)),
-      fileWriter_(fileUrl_) {
+      fileWriter_(fileUrl_),
+      commitTask_(queue_, std::chrono::nanoseconds(static_cast<int64_t>(commitInterval * 1e9)),
+                  [this] { commitFromTimer(); }) {
     queue_.sync([this] {
         fileWriter_.truncate(contentOffset_);
         fileWriter_.fileHandle().write(fileHeader);
@@ -18,12 +17,11 @@ StreamingJSONWriter::StreamingJSONWriter(std::filesystem::path fileUrl, double c
         fileWriter_.fileHandle().write(fileFooter);
         fileWriter_.synchronize();
     });
-    commitTaskActive_ = true;
-    scheduleCommit();
+    commitTask_.start();
 }
 
 StreamingJSONWriter::~StreamingJSONWriter() {
-    if (commitTaskActive_.exchange(false)) logger_.notice("Deallocated without closing commitTask first.");
+    if (commitTask_.cancel()) logger_.warning("Deallocated without closing commitTask first.");
 }
 
 void StreamingJSONWriter::writeJSON(const nlohmann::json& event) {
@@ -74,27 +72,22 @@ void StreamingJSONWriter::commitOnQueue() {
     committedWriteCount_ = count;
 }
 
-void StreamingJSONWriter::scheduleCommit() {
-    queue_.asyncAfter(commitInterval_, [this] { commitFromTimer(); });
-}
-
 void StreamingJSONWriter::commitFromTimer() {
-    if (!commitTaskActive_) return;
     // An unchanged file needs no new copy: the target already holds it.
     if (writeCount_ != committedWriteCount_) {
         try {
             commitOnQueue();
         } catch (const std::exception& error) {
-            logger_.error(fmt::format("Timer failed to commit streaming JSON to file. error={}",
-                                      platform::describeError(error).debugDescription));
+            logger_.error("Timer failed to commit streaming JSON to file.", [&] {
+                return LogMetadata{{"error", platform::describeError(error).debugDescription}};
+            });
         }
     }
-    if (commitTaskActive_) scheduleCommit();
 }
 
 std::vector<std::filesystem::path> StreamingJSONWriter::close() {
     logger_.debug("Closing streaming JSON file.");
-    commitTaskActive_ = false;
+    commitTask_.cancel();
     queue_.sync([this] {
         if (tailDirty_) restoreFooterOnQueue();
         fileWriter_.close();

@@ -8,16 +8,15 @@
 // replaces the footer by the new element and a fresh footer. The target is
 // published by a commit timer on the writer's queue and at close().
 
-#include <atomic>
-#include <chrono>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "output/atomic_file_writer.h"
+#include "output/commit_timer.h"
+#include "output/ov_logger.h"
 #include "output/output_json_writer.h"
 #include "platform/dispatch_queue.h"
-#include "platform/os_log.h"
 
 namespace ov {
 
@@ -30,7 +29,7 @@ public:
     // Creates the file as an empty array and commits it at once; a commit
     // follows every `commitInterval` seconds while anything changed. Fails
     // when the file writer can't be made or the first commit fails.
-    StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, platform::OSLog logger);
+    StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, const Logger& logger);
     ~StreamingJSONWriter() override;
     StreamingJSONWriter(const StreamingJSONWriter&) = delete;
     StreamingJSONWriter& operator=(const StreamingJSONWriter&) = delete;
@@ -46,13 +45,11 @@ public:
     std::vector<std::filesystem::path> expectedFileURLs() const override { return {fileUrl_}; }
 
 private:
-    void scheduleCommit();
     void commitFromTimer();
     void commitOnQueue();
     void restoreFooterOnQueue();
 
-    platform::OSLog logger_;
-    std::chrono::nanoseconds commitInterval_;
+    Logger logger_;
     std::filesystem::path fileUrl_;
     AtomicFileWriter fileWriter_;
     // Touched on the queue only.
@@ -63,7 +60,7 @@ private:
     bool tailDirty_ = false;
     uint64_t writeCount_ = 0;
     uint64_t committedWriteCount_ = 0;
-    std::atomic<bool> commitTaskActive_{false};
+    CommitTimer commitTask_;
     // Last, so that it is destroyed first: its thread may be running a timer
     // block that uses the members above.
     platform::DispatchQueue queue_{"StreamingJSONWriter"};
