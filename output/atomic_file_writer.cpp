@@ -6,8 +6,10 @@
 namespace ov {
 namespace {
 
-// OVError fileOperationFailed with only a debug text; its localized text is
-// the one that such an error derives from the debug text.
+// OVError fileOperationFailed with only a debug text. OVError is not in the
+// library yet: this platform error carries the same domain, code and texts
+// (the localized one as OVError derives it), and is to become
+// OVError(OVError::Code::fileOperationFailed, debugDescription) with it.
 [[noreturn]] void throwFileOperationFailed(const std::string& debugDescription) {
     throw platform::PlatformError("Orvane.OVError", -1706,
                                   "Unexpected error: fileOperationFailed.\n" + debugDescription + ".",

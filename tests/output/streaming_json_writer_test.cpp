@@ -145,9 +145,11 @@ TEST(StreamingJSONWriterTest, AWriterThatWasNeverClosedBlocksTheNextOne) {
     try {
         StreamingJSONWriter again(url, kNeverCommits, log.logger());
         FAIL() << "a second writer started over a stale hot file";
-    } catch (const platform::PlatformError& e) {
-        EXPECT_EQ(e.code(), -1706);
-        EXPECT_EQ(e.errorDescription().debugDescription, "File already exists at " + (dir / "events.json~").string());
+    } catch (const std::exception& e) {
+        EXPECT_EQ(platform::describeError(e).domain, "Orvane.OVError");
+        EXPECT_EQ(platform::describeError(e).code, -1706) << "fileOperationFailed";
+        EXPECT_EQ(platform::describeError(e).debugDescription,
+                  "File already exists at " + (dir / "events.json~").string());
     }
 }
 
