@@ -2,18 +2,13 @@
 
 #include "platform/file_manager.h"
 #include "platform/platform_error.h"
+#include "session/ov_error.h"
 
 namespace ov {
 namespace {
 
-// OVError fileOperationFailed with only a debug text. OVError is not in the
-// library yet: this platform error carries the same domain, code and texts
-// (the localized one as OVError derives it), and is to become
-// OVError(OVError::Code::fileOperationFailed, debugDescription) with it.
 [[noreturn]] void throwFileOperationFailed(const std::string& debugDescription) {
-    throw platform::PlatformError("Orvane.OVError", -1706,
-                                  "Unexpected error: fileOperationFailed.\n" + debugDescription + ".",
-                                  debugDescription);
+    throw OVError(OVError::Code::fileOperationFailed, debugDescription);
 }
 
 }  // namespace

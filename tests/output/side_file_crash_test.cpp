@@ -67,7 +67,7 @@ TEST(SideFileCrashTest, AReaderNeverSeesAPartialTarget) {
     TempDirectory dir;
     LogCapture log;
     const auto target = dir / "events.json";
-    StreamingJSONWriter writer(target, 0.001, log.logger());
+    StreamingJSONWriter writer(target, 0.001, log.logger);
 
     std::atomic<bool> done{false};
     std::thread producer([&] {

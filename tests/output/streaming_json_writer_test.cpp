@@ -28,7 +28,7 @@ TEST(StreamingJSONWriterTest, AnEmptyWriterLeavesAnEmptyArrayWithoutTrailingLine
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "events.json";
-    StreamingJSONWriter writer(url, kNeverCommits, log.logger());
+    StreamingJSONWriter writer(url, kNeverCommits, log.logger);
     EXPECT_EQ(readFile(url), "[\n\n]") << "the target is a valid array from the first moment";
     EXPECT_EQ(writer.expectedFileURLs(), std::vector<fs::path>{url});
     EXPECT_EQ(writer.close(), std::vector<fs::path>{url});
@@ -42,7 +42,7 @@ TEST(StreamingJSONWriterTest, ElementsAreSeparatedByACommaThatStartsTheNextOne) 
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "events.json";
-    StreamingJSONWriter writer(url, kNeverCommits, log.logger());
+    StreamingJSONWriter writer(url, kNeverCommits, log.logger);
     writer.write(Point{1, 2});
     EXPECT_EQ(readFile(dir / "events.json~"), "[\n{\"x\":1,\"y\":2}\n]")
         << "the hot file holds the element and the footer, no comma before the footer";
@@ -57,7 +57,7 @@ TEST(StreamingJSONWriterTest, KeysAreSortedWhateverOptionalKeysAnEventHas) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "events.json";
-    StreamingJSONWriter writer(url, kNeverCommits, log.logger());
+    StreamingJSONWriter writer(url, kNeverCommits, log.logger);
     // Insertion order that a wire type keeps must not leak into the file.
     nlohmann::ordered_json full;
     full["type"] = "click";
@@ -76,12 +76,12 @@ TEST(StreamingJSONWriterTest, WritesPublishOnlyAtCommits) {
     TempDirectory dir;
     LogCapture log;
     const auto slowUrl = dir / "slow.json";
-    StreamingJSONWriter slow(slowUrl, kNeverCommits, log.logger());
+    StreamingJSONWriter slow(slowUrl, kNeverCommits, log.logger);
     slow.write(json{{"n", 0}});
     EXPECT_EQ(readFile(slowUrl), "[\n\n]") << "a write alone does not commit";
 
     const auto fastUrl = dir / "fast.json";
-    StreamingJSONWriter fast(fastUrl, 0.01, log.logger());
+    StreamingJSONWriter fast(fastUrl, 0.01, log.logger);
     fast.write(json{{"n", 0}});
     EXPECT_TRUE(eventually([&] { return readFile(fastUrl) == "[\n{\"n\":0}\n]"; })) << "the timer commits";
     fast.write(json{{"n", 1}});
@@ -98,7 +98,7 @@ TEST(StreamingJSONWriterTest, AnEventTheEncoderRefusesChangesNothing) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "events.json";
-    StreamingJSONWriter writer(url, kNeverCommits, log.logger());
+    StreamingJSONWriter writer(url, kNeverCommits, log.logger);
     writer.write(json{{"n", 0}});
     EXPECT_THROW(writer.write(json{{"bad", std::string("\xff\xfe")}}), json::type_error) << "invalid UTF-8";
     EXPECT_EQ(readFile(dir / "events.json~"), "[\n{\"n\":0}\n]");
@@ -112,7 +112,7 @@ TEST(StreamingJSONWriterTest, WritingAfterCloseFailsWithTheFileSystemsError) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "events.json";
-    StreamingJSONWriter writer(url, kNeverCommits, log.logger());
+    StreamingJSONWriter writer(url, kNeverCommits, log.logger);
     writer.write(json{{"n", 0}});
     writer.close();
     try {
@@ -132,7 +132,7 @@ TEST(StreamingJSONWriterTest, AWriterThatWasNeverClosedBlocksTheNextOne) {
     LogCapture log;
     const auto url = dir / "events.json";
     {
-        StreamingJSONWriter writer(url, kNeverCommits, log.logger());
+        StreamingJSONWriter writer(url, kNeverCommits, log.logger);
         writer.write(json{{"n", 0}});
     }
     auto warning = log.waitFor("Deallocated without closing commitTask first.", std::chrono::milliseconds(0));
@@ -143,7 +143,7 @@ TEST(StreamingJSONWriterTest, AWriterThatWasNeverClosedBlocksTheNextOne) {
     EXPECT_EQ(readFile(dir / "events.json~"), "[\n{\"n\":0}\n]") << "as a crash would leave it";
 
     try {
-        StreamingJSONWriter again(url, kNeverCommits, log.logger());
+        StreamingJSONWriter again(url, kNeverCommits, log.logger);
         FAIL() << "a second writer started over a stale hot file";
     } catch (const std::exception& e) {
         EXPECT_EQ(platform::describeError(e).domain, "Orvane.OVError");
@@ -157,7 +157,7 @@ TEST(StreamingJSONWriterTest, ATimerCommitThatFailsIsLoggedAndRetried) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "events.json";
-    StreamingJSONWriter writer(url, 0.005, log.logger());
+    StreamingJSONWriter writer(url, 0.005, log.logger);
     // A non-empty directory in the target's place makes every commit fail.
     fs::remove(url);
     fs::create_directory(url);
@@ -181,7 +181,7 @@ TEST(StreamingJSONWriterTest, ACommitThatFailsInCloseLeavesTheHotFile) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "events.json";
-    StreamingJSONWriter writer(url, kNeverCommits, log.logger());
+    StreamingJSONWriter writer(url, kNeverCommits, log.logger);
     writer.write(json{{"n", 0}});
     fs::remove(url);
     fs::create_directory(url);

@@ -29,7 +29,7 @@ TEST(StreamingLogWriterTest, EachMessageIsItsDescriptionOnALineWithNoHeaderOrFoo
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "orvane.log";
-    StreamingLogWriter writer(url, 3600, log.logger());
+    StreamingLogWriter writer(url, 3600, log.logger);
     const auto first = message("Begin.", {{"b", "2"}, {"a", "1"}});
     const auto second = message("Middle.");
     const auto third = message("End.");
@@ -47,7 +47,7 @@ TEST(StreamingLogWriterTest, TheTimerPublishesAnEmptyFileAndThenEachNewLine) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "orvane.log";
-    StreamingLogWriter writer(url, 0.01, log.logger());
+    StreamingLogWriter writer(url, 0.01, log.logger);
     EXPECT_TRUE(eventually([&] { return fs::exists(url); })) << "the first tick commits even with nothing written";
     EXPECT_EQ(readFile(url), "");
     const auto line = message("Started.");
@@ -60,7 +60,7 @@ TEST(StreamingLogWriterTest, WritingAfterCloseFailsAndTheTargetStays) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "orvane.log";
-    StreamingLogWriter writer(url, 3600, log.logger());
+    StreamingLogWriter writer(url, 3600, log.logger);
     const auto line = message("Only line.");
     writer.write(line);
     writer.close();
@@ -79,7 +79,7 @@ TEST(StreamingLogWriterTest, ATimerCommitThatFailsIsLoggedAndRetried) {
     const auto url = dir / "orvane.log";
     // A non-empty directory in the target's place, made well before the
     // first tick, makes every commit fail.
-    StreamingLogWriter writer(url, 0.05, log.logger());
+    StreamingLogWriter writer(url, 0.05, log.logger);
     fs::create_directory(url);
     writeFile(url / "blocker", "");
     auto failure = log.waitFor("Timer failed to commit streaming Log to file.");
@@ -99,13 +99,13 @@ TEST(StreamingLogWriterTest, DestroyingAnOpenWriterWarnsAndKeepsTheHotFile) {
     TempDirectory dir;
     LogCapture log;
     const auto url = dir / "orvane.log";
-    { StreamingLogWriter writer(url, 3600, log.logger()); }
+    { StreamingLogWriter writer(url, 3600, log.logger); }
     auto warning = log.waitFor("Deallocated without closing commitTask first.", std::chrono::milliseconds(0));
     ASSERT_TRUE(warning);
     EXPECT_EQ(warning->level, OVLogLevel::warning);
     EXPECT_TRUE(fs::exists(dir / "orvane.log~"));
     try {
-        StreamingLogWriter again(url, 3600, log.logger());
+        StreamingLogWriter again(url, 3600, log.logger);
         FAIL() << "a second writer started over a stale hot file";
     } catch (const std::exception& e) {
         EXPECT_EQ(platform::describeError(e).code, -1706);

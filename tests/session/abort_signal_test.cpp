@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/sc_stream_error.h"
-#include "session/log_capture.h"
+#include "support/log_capture.h"
 #include "session/ov_error.h"
 
 namespace ov {

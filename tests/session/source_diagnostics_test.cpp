@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "session/log_capture.h"
+#include "support/log_capture.h"
 #include "session/ov_error.h"
 
 namespace ov {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <chrono>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -15,11 +16,18 @@ namespace ov::testing {
 
 class LogCapture {
 public:
-    Logger logger(std::string category = "Test") { return Logger(std::move(category), std::nullopt, {}, engine_); }
+    Logger loggerFor(std::string category) { return Logger(std::move(category), std::nullopt, {}, engine_); }
 
     std::vector<OVLogger::LogMessage> lines() {
         std::lock_guard lock(mutex_);
         return lines_;
+    }
+    std::vector<OVLogger::LogMessage> taken() { return lines(); }
+    // The only line logged; none when there is not exactly one.
+    std::optional<OVLogger::LogMessage> single() {
+        auto all = lines();
+        if (all.size() != 1) return std::nullopt;
+        return all.front();
     }
     // The first line with this message, waiting up to `timeout` for it.
     std::optional<OVLogger::LogMessage> waitFor(const std::string& message,
@@ -47,6 +55,10 @@ private:
             std::lock_guard lock(mutex_);
             lines_.push_back(m);
         });
+
+public:
+    // Declared after the engine it logs to.
+    Logger logger{"Test", std::nullopt, {}, engine_};
 };
 
 // Polls until the predicate holds or the time-out passes; the predicate's last answer.
