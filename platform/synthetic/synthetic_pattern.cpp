@@ -1,0 +1,154 @@
+#include "platform/synthetic/synthetic_pattern.h"
+
+#include <algorithm>
+#include <cmath>
+#include <numbers>
+#include <stdexcept>
+
+namespace ov::platform {
+
+namespace {
+struct BGRA {
+    uint8_t b, g, r;
+};
+
+size_t counterRows(size_t height) { return std::min(SyntheticPattern::kCounterRows, height); }
+
+// The colour of pixel (x, y) of frame n. The counter cells are pure black and
+// white; the rest moves with n so that an encoder sees real motion.
+BGRA patternPixel(size_t x, size_t y, size_t width, size_t height, uint64_t n) {
+    const size_t cellWidth = width / SyntheticPattern::kCounterBits;
+    if (y < counterRows(height)) {
+        const size_t cell = x / cellWidth;
+        if (cell < SyntheticPattern::kCounterBits) {
+            const bool bit = (static_cast<uint32_t>(n) >> (SyntheticPattern::kCounterBits - 1 - cell)) & 1u;
+            const uint8_t v = bit ? 255 : 0;
+            return {v, v, v};
+        }
+        return {0, 0, 0};
+    }
+    const size_t barX = (n * 8) % width;
+    if (x >= barX && x < barX + std::max<size_t>(width / 64, 2)) return {240, 240, 240};
+    // Keep the gradient away from pure black and white, so that it never looks
+    // like a counter cell.
+    return {static_cast<uint8_t>(32 + ((x + n * 4) % 192)), static_cast<uint8_t>(32 + (y % 192)),
+            static_cast<uint8_t>(32 + ((x + y + n) % 192))};
+}
+
+// BT.709 coefficients; full range for '420f', video range otherwise.
+void toYCbCr(const BGRA& p, bool fullRange, uint8_t& y, uint8_t& cb, uint8_t& cr) {
+    const double r = p.r / 255.0, g = p.g / 255.0, b = p.b / 255.0;
+    const double luma = 0.2126 * r + 0.7152 * g + 0.0722 * b;
+    const double u = (b - luma) / 1.8556, v = (r - luma) / 1.5748;
+    auto clamp = [](double value) { return static_cast<uint8_t>(std::clamp(std::lround(value), 0L, 255L)); };
+    if (fullRange) {
+        y = clamp(luma * 255), cb = clamp(128 + u * 255), cr = clamp(128 + v * 255);
+    } else {
+        y = clamp(16 + luma * 219), cb = clamp(128 + u * 224), cr = clamp(128 + v * 224);
+    }
+}
+
+bool isBiPlanar420(OSType format) {
+    return format == kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange ||
+           format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+}
+}  // namespace
+
+void SyntheticPattern::draw(CVPixelBuffer& picture, uint64_t n) {
+    const size_t width = picture.width(), height = picture.height();
+    if (width < static_cast<size_t>(kCounterBits)) throw std::invalid_argument("pattern pictures need 32 pixels across");
+    if (picture.pixelFormatType() == kCVPixelFormatType_32BGRA) {
+        for (size_t y = 0; y < height; ++y) {
+            uint8_t* row = picture.baseAddress() + y * picture.bytesPerRow();
+            for (size_t x = 0; x < width; ++x) {
+                const BGRA p = patternPixel(x, y, width, height, n);
+                row[4 * x + 0] = p.b, row[4 * x + 1] = p.g, row[4 * x + 2] = p.r, row[4 * x + 3] = 255;
+            }
+        }
+        return;
+    }
+    if (isBiPlanar420(picture.pixelFormatType())) {
+        const bool fullRange = picture.pixelFormatType() == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+        uint8_t cb, cr;
+        for (size_t y = 0; y < height; ++y) {
+            uint8_t* luma = picture.baseAddressOfPlane(0) + y * picture.bytesPerRowOfPlane(0);
+            uint8_t* chroma = picture.baseAddressOfPlane(1) + (y / 2) * picture.bytesPerRowOfPlane(1);
+            for (size_t x = 0; x < width; ++x) {
+                toYCbCr(patternPixel(x, y, width, height, n), fullRange, luma[x], cb, cr);
+                // Chroma of the top-left pixel of each 2x2 block.
+                if (y % 2 == 0 && x % 2 == 0) chroma[x] = cb, chroma[x + 1] = cr;
+            }
+        }
+        return;
+    }
+    throw std::invalid_argument("the test pattern can't be drawn in " + fourCharCodeString(picture.pixelFormatType()));
+}
+
+std::optional<uint32_t> SyntheticPattern::readFrameCounter(const CVPixelBuffer& picture) {
+    const size_t width = picture.width(), height = picture.height();
+    if (width < static_cast<size_t>(kCounterBits) || height == 0) return std::nullopt;
+    const size_t cellWidth = width / kCounterBits;
+    const size_t y = counterRows(height) / 2;
+    uint8_t black = 0, white = 255;
+    const uint8_t* row;
+    size_t step;
+    if (picture.pixelFormatType() == kCVPixelFormatType_32BGRA) {
+        row = picture.baseAddress() + y * picture.bytesPerRow() + 1;  // green
+        step = 4;
+    } else if (isBiPlanar420(picture.pixelFormatType())) {
+        row = picture.baseAddressOfPlane(0) + y * picture.bytesPerRowOfPlane(0);
+        step = 1;
+        if (picture.pixelFormatType() == kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange) black = 16, white = 235;
+    } else {
+        return std::nullopt;
+    }
+    uint32_t value = 0;
+    for (int cell = 0; cell < kCounterBits; ++cell) {
+        const uint8_t v = row[(cell * cellWidth + cellWidth / 2) * step];
+        const bool isWhite = std::abs(int(v) - int(white)) <= 8;
+        const bool isBlack = std::abs(int(v) - int(black)) <= 8;
+        if (!isWhite && !isBlack) return std::nullopt;
+        value = (value << 1) | (isWhite ? 1u : 0u);
+    }
+    return value;
+}
+
+double SyntheticPattern::toneSample(const SyntheticTone& tone, double sampleRate, int64_t sampleIndex) {
+    // The phase from the sample's own index: f·n is exact in a double far
+    // beyond any recording, and fmod keeps the sine's argument small.
+    const double cycles = std::fmod(tone.frequency * static_cast<double>(sampleIndex), sampleRate) / sampleRate;
+    return tone.level * std::sin(2.0 * std::numbers::pi * cycles);
+}
+
+void SyntheticPattern::fillTone(AVAudioPCMBuffer& buffer, const SyntheticTone& tone, int64_t firstSample) {
+    const auto& format = buffer.format();
+    const size_t channels = format.channelCount();
+    const size_t stride = buffer.stride();
+    const size_t bufferCount = format.bufferCount();
+    for (AVAudioFrameCount frame = 0; frame < buffer.frameLength(); ++frame) {
+        const double sample = toneSample(tone, format.sampleRate(), firstSample + frame);
+        for (size_t channel = 0; channel < channels; ++channel) {
+            const size_t bufferIndex = bufferCount == 1 ? 0 : channel;
+            const size_t index = frame * stride + (bufferCount == 1 ? channel : 0);
+            switch (format.commonFormat()) {
+                case AVAudioCommonFormat::pcmFormatFloat32:
+                    buffer.floatChannelData()[bufferIndex][index] = static_cast<float>(sample);
+                    break;
+                case AVAudioCommonFormat::pcmFormatFloat64:
+                    reinterpret_cast<double*>(buffer.bufferData(bufferIndex))[index] = sample;
+                    break;
+                case AVAudioCommonFormat::pcmFormatInt16:
+                    buffer.int16ChannelData()[bufferIndex][index] = static_cast<int16_t>(std::lround(sample * 32767.0));
+                    break;
+                case AVAudioCommonFormat::pcmFormatInt32:
+                    buffer.int32ChannelData()[bufferIndex][index] =
+                        static_cast<int32_t>(std::llround(sample * 2147483647.0));
+                    break;
+                case AVAudioCommonFormat::otherFormat:
+                    throw std::invalid_argument("tones are made in the common PCM formats only");
+            }
+        }
+    }
+}
+
+}  // namespace ov::platform
