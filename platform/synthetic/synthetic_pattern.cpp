@@ -102,11 +102,20 @@ std::optional<uint32_t> SyntheticPattern::readFrameCounter(const CVPixelBuffer& 
     } else {
         return std::nullopt;
     }
+    auto near = [](uint8_t v, uint8_t target) { return std::abs(int(v) - int(target)) <= 8; };
+    // Below the counter the pattern is never black or white: a blank or
+    // foreign picture doesn't read as frame 0.
+    if (height > counterRows(height)) {
+        const size_t below = counterRows(height);
+        const uint8_t v = step == 4 ? picture.baseAddress()[below * picture.bytesPerRow() + 1]
+                                    : picture.baseAddressOfPlane(0)[below * picture.bytesPerRowOfPlane(0)];
+        if (near(v, black) || near(v, white)) return std::nullopt;
+    }
     uint32_t value = 0;
     for (int cell = 0; cell < kCounterBits; ++cell) {
         const uint8_t v = row[(cell * cellWidth + cellWidth / 2) * step];
-        const bool isWhite = std::abs(int(v) - int(white)) <= 8;
-        const bool isBlack = std::abs(int(v) - int(black)) <= 8;
+        const bool isWhite = near(v, white);
+        const bool isBlack = near(v, black);
         if (!isWhite && !isBlack) return std::nullopt;
         value = (value << 1) | (isWhite ? 1u : 0u);
     }

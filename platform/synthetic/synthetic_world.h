@@ -84,6 +84,13 @@ struct SyntheticFault {
     std::optional<std::string> domain;
     std::optional<int64_t> code;
     std::optional<std::string> message;
+
+    static SyntheticFault make(Kind kind, double after = 0) {
+        SyntheticFault fault;
+        fault.kind = kind;
+        fault.after = after;
+        return fault;
+    }
 };
 
 struct SyntheticTone {
