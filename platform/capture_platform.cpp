@@ -45,7 +45,13 @@ bool CapturePlatform::isCenterStageEnabled() const {
 
 void CapturePlatform::setCenterStageEnabled(bool enabled) {
     std::lock_guard lock(settingsMutex_);
+    if (centerStageEnabled_ != enabled) ++centerStageChanges_;
     centerStageEnabled_ = enabled;
+}
+
+uint64_t CapturePlatform::centerStageChangeCount() const {
+    std::lock_guard lock(settingsMutex_);
+    return centerStageChanges_;
 }
 
 AVCaptureCenterStageControlMode CapturePlatform::centerStageControlMode() const {

@@ -71,6 +71,9 @@ public:
     void setCenterStageEnabled(bool enabled);
     AVCaptureCenterStageControlMode centerStageControlMode() const;
     void setCenterStageControlMode(AVCaptureCenterStageControlMode mode);
+    // Counts the changes of isCenterStageEnabled, so a backend can tell that
+    // the setting was toggled even when it ends as it was.
+    uint64_t centerStageChangeCount() const;
 
     // ---- Screens.
     // A snapshot of what can be captured. Throws a PlatformError when the
@@ -109,6 +112,7 @@ private:
     KeyValueObservable deviceObservers_;
     mutable std::mutex settingsMutex_;
     bool centerStageEnabled_ = false;
+    uint64_t centerStageChanges_ = 0;
     AVCaptureCenterStageControlMode centerStageControlMode_ = AVCaptureCenterStageControlMode::user;
 };
 

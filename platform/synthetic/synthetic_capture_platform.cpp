@@ -103,6 +103,7 @@ struct FaultPlan {
         bool idle = false;
         for (const auto& fault : faults) {
             if (static_cast<double>(elapsed) < fault.after * 1e9) continue;
+            if (fault.kind == SyntheticFault::Kind::silentUntilCenterStageToggle) continue;  // the device's own
             if (fault.kind == SyntheticFault::Kind::goesIdle) {
                 idle = true;
             } else if (!terminal || fault.after < terminal->after) {
@@ -339,10 +340,25 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
     const FaultPlan plan{spec_.faults};
     const Nanoseconds start = hostTimeNanosecondsNow();
     auto clock = clock_;
+    // The class-level Center Stage setting as capture starts; some cameras
+    // stay silent until it changes.
+    const bool waitsForCenterStage =
+        wantsVideo && std::any_of(spec_.faults.begin(), spec_.faults.end(), [](const SyntheticFault& fault) {
+            return fault.kind == SyntheticFault::Kind::silentUntilCenterStageToggle;
+        });
+    auto centerStageChanges = [] {
+        try {
+            return CapturePlatform::shared()->centerStageChangeCount();
+        } catch (const std::exception&) {
+            return uint64_t{0};
+        }
+    };
+    const uint64_t centerStageAtStart = centerStageChanges();
 
     // Ends delivery as a fault or the device's state says; false when the
     // event is to be delivered.
-    auto interrupted = [self, plan, sink](Nanoseconds elapsed, bool& keepGoing) {
+    auto interrupted = [self, plan, sink, waitsForCenterStage, centerStageChanges, centerStageAtStart](
+                           Nanoseconds elapsed, bool& keepGoing) {
         keepGoing = false;
         if (!self->isConnected()) {
             sink.failed(deviceDisconnectedError(*self));
@@ -364,6 +380,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
         }
         // A suspended device (a closed lid) delivers nothing, but time goes on.
         keepGoing = true;
+        if (waitsForCenterStage && centerStageChanges() == centerStageAtStart) return true;
         return self->isSuspended();
     };
 

@@ -23,6 +23,7 @@ std::string toString(SyntheticFault::Kind kind) {
         case SyntheticFault::Kind::stopsWithError: return "stopsWithError";
         case SyntheticFault::Kind::disappears: return "disappears";
         case SyntheticFault::Kind::goesIdle: return "goesIdle";
+        case SyntheticFault::Kind::silentUntilCenterStageToggle: return "silentUntilCenterStageToggle";
     }
     return "unknown";
 }
@@ -233,13 +234,15 @@ SyntheticFault decodeFault(const Decoder& d) {
         {"stopsDelivering", SyntheticFault::Kind::stopsDelivering},
         {"stopsWithError", SyntheticFault::Kind::stopsWithError},
         {"disappears", SyntheticFault::Kind::disappears},
-        {"goesIdle", SyntheticFault::Kind::goesIdle}};
+        {"goesIdle", SyntheticFault::Kind::goesIdle},
+        {"silentUntilCenterStageToggle", SyntheticFault::Kind::silentUntilCenterStageToggle}};
     bool found = false;
     for (const auto& [name, value] : kinds)
         if (kind == name) fault.kind = value, found = true;
     if (!found)
         kindDecoder.throwDataCorrupted("Unknown fault kind \"" + kind +
-                                       "\"; expected neverDelivers, stopsDelivering, stopsWithError, disappears or goesIdle");
+                                       "\"; expected neverDelivers, stopsDelivering, stopsWithError, disappears, goesIdle or "
+                                       "silentUntilCenterStageToggle");
     fault.after = decodeNumber(d, "after", 0.0, 0.0, 1e9);
     fault.domain = d.decodeIfPresent<std::string>("domain");
     fault.code = d.decodeIfPresent<int64_t>("code");

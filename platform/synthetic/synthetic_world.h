@@ -47,7 +47,8 @@
 //   }
 //   AUDIO = {"sampleRate": 48000, "channels": 1, "bufferFrames": 1024,
 //            "tone": {"frequency": 440, "level": 0.25}}    level: peak amplitude 0..1
-//   FAULT = {"kind": "neverDelivers" | "stopsDelivering" | "stopsWithError" | "disappears" | "goesIdle",
+//   FAULT = {"kind": "neverDelivers" | "stopsDelivering" | "stopsWithError" | "disappears" | "goesIdle"
+//                    | "silentUntilCenterStageToggle",
 //            "after": 0.0,             seconds after capture starts
 //            "domain": "...", "code": -3821, "message": "..."}   for stopsWithError
 //
@@ -63,6 +64,9 @@
 //                    error (a session runtime error, or a stream stop -3815).
 //   goesIdle         screens: after `after`, frames carry the idle status and no
 //                    picture.
+//   silentUntilCenterStageToggle
+//                    cameras: nothing arrives until the class-level Center Stage
+//                    setting changes after capture starts, as some cameras do.
 
 #include <cstdint>
 #include <filesystem>
@@ -78,7 +82,7 @@
 namespace ov::platform {
 
 struct SyntheticFault {
-    enum class Kind { neverDelivers, stopsDelivering, stopsWithError, disappears, goesIdle };
+    enum class Kind { neverDelivers, stopsDelivering, stopsWithError, disappears, goesIdle, silentUntilCenterStageToggle };
     Kind kind = Kind::neverDelivers;
     double after = 0;
     std::optional<std::string> domain;

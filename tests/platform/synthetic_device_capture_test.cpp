@@ -283,6 +283,22 @@ TEST(SyntheticDeviceCapture, ADeviceThatDisappearsLeavesEveryList) {
     EXPECT_EQ(AVCaptureDevice::device("mic"), device);
 }
 
+TEST(SyntheticDeviceCapture, ACameraThatWaitsForCenterStageWakesWhenItIsToggled) {
+    auto sleepy = fastCamera();
+    sleepy.faults = {SyntheticFault::make(SyntheticFault::Kind::silentUntilCenterStageToggle)};
+    Capture capture(worldWith({sleepy}), "cam");
+    capture.session->startRunning();
+    EXPECT_FALSE(capture.collector->waitForSamples(1, 100ms));
+    // Toggled and set back at once, as a recorder does to wake such a camera.
+    const bool enabled = AVCaptureDevice::isCenterStageEnabled();
+    AVCaptureDevice::setCenterStageControlMode(AVCaptureCenterStageControlMode::cooperative);
+    AVCaptureDevice::setCenterStageEnabled(!enabled);
+    AVCaptureDevice::setCenterStageEnabled(enabled);
+    EXPECT_EQ(AVCaptureDevice::isCenterStageEnabled(), enabled);
+    EXPECT_EQ(AVCaptureDevice::centerStageControlMode(), AVCaptureCenterStageControlMode::cooperative);
+    EXPECT_TRUE(capture.collector->waitForSamples(3));
+}
+
 TEST(SyntheticDeviceCapture, DisconnectingOrSuspendingARunningDevice) {
     Capture capture(worldWith({fastCamera()}), "cam");
     capture.session->startRunning();
