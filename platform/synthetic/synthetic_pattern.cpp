@@ -4,6 +4,7 @@
 #include <cmath>
 #include <numbers>
 #include <stdexcept>
+#include <vector>
 
 namespace ov::platform {
 
@@ -14,39 +15,55 @@ struct BGRA {
 
 size_t counterRows(size_t height) { return std::min(SyntheticPattern::kCounterRows, height); }
 
-// The colour of pixel (x, y) of frame n. The counter cells are pure black and
-// white; the rest moves with n so that an encoder sees real motion.
-BGRA patternPixel(size_t x, size_t y, size_t width, size_t height, uint64_t n) {
-    const size_t cellWidth = width / SyntheticPattern::kCounterBits;
-    if (y < counterRows(height)) {
-        const size_t cell = x / cellWidth;
-        if (cell < SyntheticPattern::kCounterBits) {
-            const bool bit = (static_cast<uint32_t>(n) >> (SyntheticPattern::kCounterBits - 1 - cell)) & 1u;
+// Frame n of the pattern. The counter cells are pure black and white; the
+// rest moves with n so that an encoder sees real motion. Everything that
+// varies along a row comes from tables made once per frame, so a 1080p
+// picture costs a few milliseconds, not a modulo per pixel.
+class Frame {
+public:
+    Frame(size_t width, size_t height, uint64_t n)
+        : width_(width), height_(height), counter_(static_cast<uint32_t>(n)), blue_(width), diagonal_(width + height) {
+        cellWidth_ = width / SyntheticPattern::kCounterBits;
+        // Keep the gradient away from pure black and white, so that it never
+        // looks like a counter cell.
+        const size_t blueShift = (n % 48) * 4, diagonalShift = n % 192;
+        for (size_t x = 0; x < width; ++x) blue_[x] = static_cast<uint8_t>(32 + (x + blueShift) % 192);
+        for (size_t k = 0; k < width + height; ++k) diagonal_[k] = static_cast<uint8_t>(32 + (k + diagonalShift) % 192);
+        barStart_ = (n % width) * 8 % width;
+        barEnd_ = barStart_ + std::max<size_t>(width / 64, 2);
+    }
+
+    BGRA at(size_t x, size_t y) const {
+        if (y < counterRows(height_)) {
+            const size_t cell = x / cellWidth_;
+            if (cell >= SyntheticPattern::kCounterBits) return {0, 0, 0};
+            const bool bit = (counter_ >> (SyntheticPattern::kCounterBits - 1 - cell)) & 1u;
             const uint8_t v = bit ? 255 : 0;
             return {v, v, v};
         }
-        return {0, 0, 0};
+        if (x >= barStart_ && x < barEnd_) return {240, 240, 240};
+        return {blue_[x], static_cast<uint8_t>(32 + y % 192), diagonal_[x + y]};
     }
-    const size_t barX = (n * 8) % width;
-    if (x >= barX && x < barX + std::max<size_t>(width / 64, 2)) return {240, 240, 240};
-    // Keep the gradient away from pure black and white, so that it never looks
-    // like a counter cell.
-    return {static_cast<uint8_t>(32 + ((x + n * 4) % 192)), static_cast<uint8_t>(32 + (y % 192)),
-            static_cast<uint8_t>(32 + ((x + y + n) % 192))};
-}
 
-// BT.709 coefficients; full range for '420f', video range otherwise.
-void toYCbCr(const BGRA& p, bool fullRange, uint8_t& y, uint8_t& cb, uint8_t& cr) {
-    const double r = p.r / 255.0, g = p.g / 255.0, b = p.b / 255.0;
-    const double luma = 0.2126 * r + 0.7152 * g + 0.0722 * b;
-    const double u = (b - luma) / 1.8556, v = (r - luma) / 1.5748;
-    auto clamp = [](double value) { return static_cast<uint8_t>(std::clamp(std::lround(value), 0L, 255L)); };
-    if (fullRange) {
-        y = clamp(luma * 255), cb = clamp(128 + u * 255), cr = clamp(128 + v * 255);
-    } else {
-        y = clamp(16 + luma * 219), cb = clamp(128 + u * 224), cr = clamp(128 + v * 224);
-    }
-}
+private:
+    size_t width_, height_;
+    uint32_t counter_;
+    size_t cellWidth_;
+    size_t barStart_, barEnd_;
+    std::vector<uint8_t> blue_;
+    std::vector<uint8_t> diagonal_;
+};
+
+// BT.709 in 16-bit fixed point; full range for '420f', video range otherwise.
+// The luma weights sum so that white and black land exactly on 255/0 or 235/16.
+struct YCbCrCoefficients {
+    int32_t yr, yg, yb, yOffset;
+    int32_t cbr, cbg, cbb, crr, crg, crb;
+};
+constexpr YCbCrCoefficients kFullRange{13933, 46871, 4732, 0, -7508, -25260, 32768, 32768, -29763, -3005};
+constexpr YCbCrCoefficients kVideoRange{11966, 40254, 4064, 16, -6596, -22189, 28785, 28785, -26145, -2640};
+
+inline uint8_t clampByte(int32_t v) { return static_cast<uint8_t>(std::clamp(v, 0, 255)); }
 
 bool isBiPlanar420(OSType format) {
     return format == kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange ||
@@ -57,26 +74,31 @@ bool isBiPlanar420(OSType format) {
 void SyntheticPattern::draw(CVPixelBuffer& picture, uint64_t n) {
     const size_t width = picture.width(), height = picture.height();
     if (width < static_cast<size_t>(kCounterBits)) throw std::invalid_argument("pattern pictures need 32 pixels across");
+    const Frame frame(width, height, n);
     if (picture.pixelFormatType() == kCVPixelFormatType_32BGRA) {
         for (size_t y = 0; y < height; ++y) {
             uint8_t* row = picture.baseAddress() + y * picture.bytesPerRow();
             for (size_t x = 0; x < width; ++x) {
-                const BGRA p = patternPixel(x, y, width, height, n);
+                const BGRA p = frame.at(x, y);
                 row[4 * x + 0] = p.b, row[4 * x + 1] = p.g, row[4 * x + 2] = p.r, row[4 * x + 3] = 255;
             }
         }
         return;
     }
     if (isBiPlanar420(picture.pixelFormatType())) {
-        const bool fullRange = picture.pixelFormatType() == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
-        uint8_t cb, cr;
+        const auto& k = picture.pixelFormatType() == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange ? kFullRange
+                                                                                                    : kVideoRange;
         for (size_t y = 0; y < height; ++y) {
             uint8_t* luma = picture.baseAddressOfPlane(0) + y * picture.bytesPerRowOfPlane(0);
             uint8_t* chroma = picture.baseAddressOfPlane(1) + (y / 2) * picture.bytesPerRowOfPlane(1);
             for (size_t x = 0; x < width; ++x) {
-                toYCbCr(patternPixel(x, y, width, height, n), fullRange, luma[x], cb, cr);
+                const BGRA p = frame.at(x, y);
+                luma[x] = clampByte(k.yOffset + ((k.yr * p.r + k.yg * p.g + k.yb * p.b + 32768) >> 16));
                 // Chroma of the top-left pixel of each 2x2 block.
-                if (y % 2 == 0 && x % 2 == 0) chroma[x] = cb, chroma[x + 1] = cr;
+                if (y % 2 == 0 && x % 2 == 0) {
+                    chroma[x] = clampByte(128 + ((k.cbr * p.r + k.cbg * p.g + k.cbb * p.b + 32768) >> 16));
+                    chroma[x + 1] = clampByte(128 + ((k.crr * p.r + k.crg * p.g + k.crb * p.b + 32768) >> 16));
+                }
             }
         }
         return;
