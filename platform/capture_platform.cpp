@@ -114,6 +114,9 @@ CapturePlatform::ScopedOverride::~ScopedOverride() {
     if (!state.platform && !state.error) state.chosen = false;
 }
 
+bool CGPreflightScreenCaptureAccess() { return CapturePlatform::shared()->preflightScreenCaptureAccess(); }
+bool CGRequestScreenCaptureAccess() { return CapturePlatform::shared()->preflightScreenCaptureAccess(); }
+
 SCShareableContent UnavailableCapturePlatform::shareableContent(bool, bool) const {
     throw notAvailableError("Screen capture", name_);
 }

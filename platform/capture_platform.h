@@ -116,6 +116,12 @@ private:
     AVCaptureCenterStageControlMode centerStageControlMode_ = AVCaptureCenterStageControlMode::user;
 };
 
+// The platform's screen capture permission calls, answered by the chosen
+// backend. The request shows nothing here: Linux has no such prompt, and the
+// synthetic world's answer is fixed.
+bool CGPreflightScreenCaptureAccess();
+bool CGRequestScreenCaptureAccess();
+
 // The backend that `linux` stands for until the real one is built: nothing to
 // capture, and a clear error for every attempt.
 class UnavailableCapturePlatform final : public CapturePlatform {

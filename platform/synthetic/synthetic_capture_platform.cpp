@@ -98,7 +98,8 @@ struct FaultPlan {
     enum class Action { deliver, idle, end, fail, disappear };
     std::vector<SyntheticFault> faults;
 
-    std::pair<Action, const SyntheticFault*> at(Nanoseconds elapsed) const {
+    // The action, and a copy of the fault that causes it.
+    std::pair<Action, SyntheticFault> at(Nanoseconds elapsed) const {
         const SyntheticFault* terminal = nullptr;
         bool idle = false;
         for (const auto& fault : faults) {
@@ -112,12 +113,12 @@ struct FaultPlan {
         }
         if (terminal) {
             switch (terminal->kind) {
-                case SyntheticFault::Kind::stopsWithError: return {Action::fail, terminal};
-                case SyntheticFault::Kind::disappears: return {Action::disappear, terminal};
-                default: return {Action::end, terminal};
+                case SyntheticFault::Kind::stopsWithError: return {Action::fail, *terminal};
+                case SyntheticFault::Kind::disappears: return {Action::disappear, *terminal};
+                default: return {Action::end, *terminal};
             }
         }
-        return {idle ? Action::idle : Action::deliver, nullptr};
+        return {idle ? Action::idle : Action::deliver, SyntheticFault{}};
     }
 };
 
@@ -369,7 +370,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
             case FaultPlan::Action::end: return true;
             case FaultPlan::Action::fail:
                 sink.failed(std::make_exception_ptr(
-                    faultError(*fault, "AVFoundationErrorDomain", -11819, "Media services were reset.")));
+                    faultError(fault, "AVFoundationErrorDomain", -11819, "Media services were reset.")));
                 return true;
             case FaultPlan::Action::disappear:
                 self->disappear();
@@ -482,16 +483,23 @@ public:
 
 std::unique_ptr<ScreenCaptureProducer> SyntheticCapturePlatform::startScreenCapture(
     const SCContentFilter& filter, const SCStreamConfiguration& configuration, ScreenCaptureSink sink) {
-    // What the filter shows, as the world has it now.
-    auto resolve = [this](const SCContentFilter& f) -> ScreenSource {
+    // The stream may outlive the platform (a filter update after a test
+    // swapped backends), so it keeps its own copy of the world.
+    auto world = std::make_shared<const SyntheticWorld>(world_);
+    auto gone = [state = state_](bool isWindow, uint32_t id) {
+        std::lock_guard lock(state->mutex);
+        return isWindow ? state->goneWindows.count(id) > 0 : state->goneDisplays.count(id) > 0;
+    };
+    // What a filter shows, as the world has it now.
+    auto resolve = [world, gone](const SCContentFilter& f) -> ScreenSource {
         ScreenSource source;
         if (f.kind() == SCContentFilter::Kind::desktopIndependentWindow) {
             const auto id = f.window().windowID;
-            auto it = std::find_if(world_.windows.begin(), world_.windows.end(), [&](const auto& w) { return w.id == id; });
-            if (it == world_.windows.end() || !isWindowPresent(id))
+            auto it = std::find_if(world->windows.begin(), world->windows.end(), [&](const auto& w) { return w.id == id; });
+            if (it == world->windows.end() || gone(true, id))
                 throw SCStreamError(SCStreamError::noCaptureSource, "The window to capture is not available.",
                                     fmt::format("No synthetic window {}", id));
-            const auto* display = displayContaining(world_, it->frame.origin);
+            const auto* display = displayContaining(*world, it->frame.origin);
             source.rect = it->frame;
             source.scale = display ? display->scale : 1;
             source.frameDuration = displayFrameDuration(display ? display->frameRate : 30);
@@ -501,8 +509,8 @@ std::unique_ptr<ScreenCaptureProducer> SyntheticCapturePlatform::startScreenCapt
             return source;
         }
         const auto id = f.displayValue().displayID;
-        auto it = std::find_if(world_.displays.begin(), world_.displays.end(), [&](const auto& d) { return d.id == id; });
-        if (it == world_.displays.end() || !isDisplayPresent(id))
+        auto it = std::find_if(world->displays.begin(), world->displays.end(), [&](const auto& d) { return d.id == id; });
+        if (it == world->displays.end() || gone(false, id))
             throw SCStreamError(SCStreamError::noCaptureSource, "The display to capture is not available.",
                                 fmt::format("No synthetic display {}", id));
         source.rect = it->frame;
@@ -555,7 +563,7 @@ std::unique_ptr<ScreenCaptureProducer> SyntheticCapturePlatform::startScreenCapt
         switch (action) {
             case FaultPlan::Action::end: return true;
             case FaultPlan::Action::fail:
-                sink.failed(std::make_exception_ptr(faultError(*fault, SCStreamError::errorDomain,
+                sink.failed(std::make_exception_ptr(faultError(fault, SCStreamError::errorDomain,
                                                                SCStreamError::systemStoppedStream,
                                                                "The stream was stopped by the system.")));
                 return true;

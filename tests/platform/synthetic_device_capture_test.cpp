@@ -418,6 +418,12 @@ TEST(SyntheticDeviceCapture, AuthorizationComesFromTheWorld) {
     std::promise<bool> answer;
     AVCaptureDevice::requestAccess(AVMediaType::audio, [&](bool granted) { answer.set_value(granted); });
     EXPECT_FALSE(answer.get_future().get());
+    EXPECT_TRUE(CGPreflightScreenCaptureAccess());
+
+    world.authorization.screen = false;
+    CapturePlatform::ScopedOverride refused(std::make_shared<SyntheticCapturePlatform>(world));
+    EXPECT_FALSE(CGPreflightScreenCaptureAccess());
+    EXPECT_FALSE(CGRequestScreenCaptureAccess());
 }
 
 }  // namespace
