@@ -322,6 +322,50 @@ TEST(SyntheticDeviceCapture, DisconnectingOrSuspendingARunningDevice) {
     EXPECT_EQ(describe(capture.errors().at(0)).domain, "AVFoundationErrorDomain");
 }
 
+TEST(SyntheticDeviceCapture, ARuntimeErrorHandlerMayStopItsSession) {
+    auto failing = fastMicrophone();
+    failing.faults = {SyntheticFault::make(SyntheticFault::Kind::stopsWithError, 0.01)};
+    Capture capture(worldWith({failing, fastCamera()}), "mic");
+    std::promise<void> stopped;
+    auto session = capture.session;
+    capture.session->setRuntimeErrorHandler([&stopped, session](std::exception_ptr) {
+        session->stopRunning();
+        stopped.set_value();
+    });
+    capture.session->startRunning();
+    auto done = stopped.get_future();
+    ASSERT_EQ(done.wait_for(10s), std::future_status::ready);
+    EXPECT_FALSE(capture.session->isRunning());
+    capture.session->setRuntimeErrorHandler(nullptr);
+}
+
+TEST(SyntheticDeviceCapture, DiscoveryHearsOfSuspension) {
+    Capture capture(worldWith({fastCamera(), fastMicrophone()}), "cam");
+    AVCaptureDeviceDiscoverySession cameras({AVCaptureDeviceTypeExternal}, AVMediaType::video);
+    AVCaptureDeviceDiscoverySession microphones({AVCaptureDeviceTypeMicrophone}, AVMediaType::audio);
+    ASSERT_EQ(cameras.devices().size(), 1u);
+    ASSERT_EQ(microphones.devices().size(), 1u);
+    AVCaptureDeviceDiscoverySession none({AVCaptureDeviceTypeDeskViewCamera}, AVMediaType::video);
+    EXPECT_TRUE(none.devices().empty()) << "device types filter";
+
+    std::atomic<int> changes{0};
+    auto observation = cameras.observe([&](const std::string&) { ++changes; });
+    auto device = cameras.devices()[0];
+    std::atomic<int> suspendedChanges{0};
+    auto deviceObservation = device->observe({"isSuspended"}, [&](const std::string&) { ++suspendedChanges; });
+    capture.platform->setDeviceSuspended("cam", true);
+    EXPECT_TRUE(device->isSuspended());
+    EXPECT_EQ(changes.load(), 1);
+    EXPECT_EQ(suspendedChanges.load(), 1);
+    EXPECT_EQ(cameras.devices().size(), 1u) << "a suspended device is still listed";
+    capture.platform->setDeviceSuspended("cam", true);
+    EXPECT_EQ(changes.load(), 1) << "no change, no notice";
+    observation.invalidate();
+    capture.platform->setDeviceConnected("cam", false);
+    EXPECT_EQ(changes.load(), 1);
+    EXPECT_TRUE(cameras.devices().empty());
+}
+
 TEST(SyntheticDeviceCapture, LateFramesAreDroppedWhileTheDelegateIsBusy) {
     Capture capture(worldWith({fastCamera()}), "cam");
     capture.videoOutput->setAlwaysDiscardsLateVideoFrames(true);

@@ -348,3 +348,69 @@ TEST(SyntheticScreenCapture, RectangleDictionaries) {
 
 }  // namespace
 }  // namespace ov::platform
+
+namespace ov::platform {
+namespace {
+
+// Delegates and outputs may act on their stream from inside their callbacks,
+// as recorders do: stop it, start it again, or drop the last reference to it.
+class Reentrant : public SCStreamDelegate, public SCStreamOutput {
+public:
+    std::shared_ptr<SCStream> held;
+    std::promise<int64_t> stopCode;
+    std::promise<void> released;
+    std::atomic<bool> releaseOnNextSample{false};
+
+    void streamDidStopWithError(SCStream& target, std::exception_ptr) override {
+        int64_t code = 0;
+        try {
+            target.stopCapture();
+        } catch (const SCStreamError& error) {
+            code = error.code();
+        }
+        target.startCapture();  // a restart from the delegate queue
+        target.stopCapture();
+        stopCode.set_value(code);
+    }
+    void stream(SCStream&, const CMSampleBuffer&, SCStreamOutputType) override {
+        if (releaseOnNextSample.exchange(false)) {
+            held.reset();
+            released.set_value();
+        }
+    }
+};
+
+TEST(SyntheticScreenCapture, CallbacksMayStopRestartAndReleaseTheirStream) {
+    auto world = screenWorld();
+    world.displays[0].faults = {SyntheticFault::make(SyntheticFault::Kind::stopsWithError, 0.02)};
+    auto platform = std::make_shared<SyntheticCapturePlatform>(world);
+    CapturePlatform::ScopedOverride installed(platform);
+    auto queue = std::make_shared<DispatchQueue>("Test.ReentrantQueue");
+    SCDisplay display;
+    display.displayID = 1;
+    const auto filter = SCContentFilter::displayExcludingApplications(display, {}, {});
+
+    auto stopping = std::make_shared<Reentrant>();
+    auto stream = SCStream::make(filter, {}, stopping);
+    stream->addStreamOutput(stopping, SCStreamOutputType::screen, queue);
+    stream->startCapture();
+    auto code = stopping->stopCode.get_future();
+    ASSERT_EQ(code.wait_for(10s), std::future_status::ready);
+    EXPECT_EQ(code.get(), SCStreamError::attemptToStopStreamState);
+
+    // The last reference may go in a sample callback, while the capture
+    // thread goes on delivering.
+    auto releasing = std::make_shared<Reentrant>();
+    releasing->held = SCStream::make(SCContentFilter::displayExcludingApplications(display, {}, {}), {}, releasing);
+    SyntheticWorld calm = screenWorld();
+    CapturePlatform::ScopedOverride calmInstalled(std::make_shared<SyntheticCapturePlatform>(calm));
+    releasing->held->addStreamOutput(releasing, SCStreamOutputType::screen, queue);
+    releasing->held->startCapture();
+    releasing->releaseOnNextSample = true;
+    auto released = releasing->released.get_future();
+    EXPECT_EQ(released.wait_for(10s), std::future_status::ready);
+    queue->sync([] {});
+}
+
+}  // namespace
+}  // namespace ov::platform
