@@ -185,7 +185,7 @@ SyntheticCapturePlatform::SyntheticCapturePlatform(SyntheticWorld world)
     : world_(std::move(world)), state_(std::make_shared<State>()) {
     world_.validate();
     state_->notifyDevices = [this] { notifyDevicesChanged(); };
-    for (const auto& spec : world_.devices) devices_.push_back(std::make_shared<SyntheticCaptureDevice>(spec, state_));
+    for (const auto& model : world_.devices) devices_.push_back(std::make_shared<SyntheticCaptureDevice>(model, state_));
 }
 
 SyntheticCapturePlatform::~SyntheticCapturePlatform() {
@@ -280,13 +280,13 @@ SCShareableContent SyntheticCapturePlatform::shareableContent(bool excludingDesk
 
 // ---- Devices.
 
-SyntheticCaptureDevice::SyntheticCaptureDevice(SyntheticDevice spec,
+SyntheticCaptureDevice::SyntheticCaptureDevice(SyntheticDevice model,
                                                std::shared_ptr<SyntheticCapturePlatform::State> state)
     : AVCaptureDevice(
           [&] {
-              Identity identity{spec.uniqueID, spec.modelID, spec.name, spec.manufacturer, spec.deviceType,
-                                spec.transportType, {}};
-              switch (spec.kind) {
+              Identity identity{model.uniqueID, model.modelID, model.name, model.manufacturer, model.deviceType,
+                                model.transportType, {}};
+              switch (model.kind) {
                   case SyntheticDevice::Kind::camera: identity.mediaTypes = {AVMediaType::video}; break;
                   case SyntheticDevice::Kind::microphone: identity.mediaTypes = {AVMediaType::audio}; break;
                   case SyntheticDevice::Kind::phone: identity.mediaTypes = {AVMediaType::muxed}; break;
@@ -295,29 +295,29 @@ SyntheticCaptureDevice::SyntheticCaptureDevice(SyntheticDevice spec,
           }(),
           [&] {
               std::vector<AVCaptureDeviceFormatRef> formats;
-              for (const auto& format : spec.formats) {
+              for (const auto& format : model.formats) {
                   const CMTime duration = format.frameDuration();
                   formats.push_back(std::make_shared<AVCaptureDeviceFormat>(
                       CMFormatDescription::makeVideo(format.pixelFormat, {format.width, format.height}, {}, duration),
                       std::vector<AVFrameRateRange>{{duration, duration}}, format.centerStageSupported));
               }
-              if (spec.kind == SyntheticDevice::Kind::microphone) {
-                  auto audio = AVAudioFormat::standard(spec.audio.sampleRate, spec.audio.channels);
+              if (model.kind == SyntheticDevice::Kind::microphone) {
+                  auto audio = AVAudioFormat::standard(model.audio.sampleRate, model.audio.channels);
                   formats.push_back(std::make_shared<AVCaptureDeviceFormat>(audio->formatDescription()));
               }
               return formats;
           }(),
-          spec.activeFormat),
-      spec_(std::move(spec)),
+          model.activeFormat),
+      model_(std::move(model)),
       state_(std::move(state)),
-      clock_(makeClock(spec_.clockOffset)) {
-    setConnected(spec_.connected);
-    setSuspended(spec_.suspended);
-    setInUseByAnotherApplication(spec_.inUseByAnotherApplication);
+      clock_(makeClock(model_.clockOffset)) {
+    setConnected(model_.connected);
+    setSuspended(model_.suspended);
+    setInUseByAnotherApplication(model_.inUseByAnotherApplication);
 }
 
 AVAudioFormat SyntheticCaptureDevice::nativeAudioFormat() const {
-    return *AVAudioFormat::standard(spec_.audio.sampleRate, spec_.audio.channels);
+    return *AVAudioFormat::standard(model_.audio.sampleRate, model_.audio.channels);
 }
 
 void SyntheticCaptureDevice::disappear() {
@@ -332,19 +332,19 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
         throw PlatformError("AVFoundationErrorDomain", -11814, "Cannot Record",
                             debugDescription() + " is not connected");
     const bool wantsVideo = request.mediaType == AVMediaType::video;
-    const bool hasVideo = spec_.kind != SyntheticDevice::Kind::microphone;
-    const bool hasAudio = spec_.kind != SyntheticDevice::Kind::camera;
+    const bool hasVideo = model_.kind != SyntheticDevice::Kind::microphone;
+    const bool hasAudio = model_.kind != SyntheticDevice::Kind::camera;
     if ((wantsVideo && !hasVideo) || (!wantsVideo && !hasAudio))
         throw std::invalid_argument(debugDescription() + " has no " + toString(request.mediaType) + " media");
 
     auto self = std::static_pointer_cast<SyntheticCaptureDevice>(shared_from_this());
-    const FaultPlan plan{spec_.faults};
+    const FaultPlan plan{model_.faults};
     const Nanoseconds start = hostTimeNanosecondsNow();
     auto clock = clock_;
     // The class-level Center Stage setting as capture starts; some cameras
     // stay silent until it changes.
     const bool waitsForCenterStage =
-        wantsVideo && std::any_of(spec_.faults.begin(), spec_.faults.end(), [](const SyntheticFault& fault) {
+        wantsVideo && std::any_of(model_.faults.begin(), model_.faults.end(), [](const SyntheticFault& fault) {
             return fault.kind == SyntheticFault::Kind::silentUntilCenterStageToggle;
         });
     auto centerStageChanges = [] {
@@ -412,8 +412,8 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
     }
 
     const AVAudioFormat format = request.audioFormat.value_or(nativeAudioFormat());
-    const ToneProducer::Timing timing{start, spec_.audio.bufferFrames, std::llround(format.sampleRate())};
-    const SyntheticTone tone = spec_.audio.tone;
+    const ToneProducer::Timing timing{start, model_.audio.bufferFrames, std::llround(format.sampleRate())};
+    const SyntheticTone tone = model_.audio.tone;
     // A buffer is delivered once its last sample has been "recorded".
     auto due = [timing](uint64_t k) { return timing.bufferStart(k + 1); };
     auto fire = [=](uint64_t k) {

@@ -76,9 +76,9 @@ private:
 
 class SyntheticCaptureDevice final : public AVCaptureDevice {
 public:
-    SyntheticCaptureDevice(SyntheticDevice spec, std::shared_ptr<SyntheticCapturePlatform::State> state);
+    SyntheticCaptureDevice(SyntheticDevice model, std::shared_ptr<SyntheticCapturePlatform::State> state);
 
-    const SyntheticDevice& spec() const { return spec_; }
+    const SyntheticDevice& model() const { return model_; }
 
     std::shared_ptr<const CMClock> synchronizationClock() const override { return clock_; }
     std::unique_ptr<CaptureProducer> startProducing(const CaptureProducerRequest& request,
@@ -95,7 +95,7 @@ public:
     void disappear();
 
 private:
-    SyntheticDevice spec_;
+    SyntheticDevice model_;
     std::shared_ptr<SyntheticCapturePlatform::State> state_;
     std::shared_ptr<const CMClock> clock_;
 };
