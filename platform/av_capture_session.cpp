@@ -1,0 +1,171 @@
+#include "platform/av_capture_session.h"
+
+#include <algorithm>
+#include <stdexcept>
+
+namespace ov::platform {
+
+namespace {
+// Runtime errors are told on one queue of their own, never on a producer's
+// thread, so that a handler may stop the session that reports to it.
+DispatchQueue& notificationQueue() {
+    static DispatchQueue queue("AVCaptureSession.NotificationQueue");
+    return queue;
+}
+}  // namespace
+
+AVCaptureSession::~AVCaptureSession() {
+    std::vector<std::unique_ptr<CaptureProducer>> producers;
+    {
+        std::lock_guard lock(mutex_);
+        producers.swap(producers_);
+    }
+    for (auto& producer : producers) producer->stop();
+}
+
+bool AVCaptureSession::canAddInput(const std::shared_ptr<AVCaptureInput>& input) const {
+    auto deviceInput = std::dynamic_pointer_cast<AVCaptureDeviceInput>(input);
+    if (!deviceInput || !deviceInput->device()->isConnected()) return false;
+    std::lock_guard lock(mutex_);
+    for (const auto& existing : inputs_) {
+        if (existing == input) return false;
+        auto other = std::dynamic_pointer_cast<AVCaptureDeviceInput>(existing);
+        if (other && other->device() == deviceInput->device()) return false;
+    }
+    return true;
+}
+
+bool AVCaptureSession::canAddOutput(const std::shared_ptr<AVCaptureOutput>& output) const {
+    if (!output || !output->connections().empty()) return false;
+    std::lock_guard lock(mutex_);
+    return std::find(outputs_.begin(), outputs_.end(), output) == outputs_.end();
+}
+
+namespace {
+bool carries(const AVCaptureDevice& device, AVMediaType mediaType) {
+    return device.hasMediaType(mediaType) || device.hasMediaType(AVMediaType::muxed);
+}
+}  // namespace
+
+void AVCaptureSession::addInput(const std::shared_ptr<AVCaptureInput>& input) {
+    if (!canAddInput(input)) throw std::invalid_argument("AVCaptureSession can't add input " + input->description());
+    auto deviceInput = std::static_pointer_cast<AVCaptureDeviceInput>(input);
+    std::lock_guard lock(mutex_);
+    inputs_.push_back(input);
+    // Each output not yet fed takes this input's media of its type.
+    for (const auto& output : outputs_) {
+        if (!output->connections().empty() || !carries(*deviceInput->device(), output->mediaType())) continue;
+        auto connection = std::make_shared<AVCaptureConnection>(deviceInput, output->mediaType(), output.get());
+        output->attach(connection);
+        connections_.push_back(connection);
+    }
+}
+
+void AVCaptureSession::addOutput(const std::shared_ptr<AVCaptureOutput>& output) {
+    if (!canAddOutput(output)) throw std::invalid_argument("AVCaptureSession can't add output " + output->description());
+    std::lock_guard lock(mutex_);
+    outputs_.push_back(output);
+    for (const auto& input : inputs_) {
+        auto deviceInput = std::static_pointer_cast<AVCaptureDeviceInput>(input);
+        if (!carries(*deviceInput->device(), output->mediaType())) continue;
+        auto connection = std::make_shared<AVCaptureConnection>(deviceInput, output->mediaType(), output.get());
+        output->attach(connection);
+        connections_.push_back(connection);
+        break;
+    }
+}
+
+std::vector<std::shared_ptr<AVCaptureInput>> AVCaptureSession::inputs() const {
+    std::lock_guard lock(mutex_);
+    return inputs_;
+}
+std::vector<std::shared_ptr<AVCaptureOutput>> AVCaptureSession::outputs() const {
+    std::lock_guard lock(mutex_);
+    return outputs_;
+}
+std::vector<std::shared_ptr<AVCaptureConnection>> AVCaptureSession::connections() const {
+    std::lock_guard lock(mutex_);
+    return connections_;
+}
+
+void AVCaptureSession::startRunning() {
+    std::lock_guard run(runMutex_);
+    std::vector<std::shared_ptr<AVCaptureConnection>> connections;
+    std::vector<std::shared_ptr<AVCaptureOutput>> outputs;
+    {
+        std::lock_guard lock(mutex_);
+        if (running_) return;
+        running_ = true;
+        connections = connections_;
+        outputs = outputs_;
+    }
+    std::vector<std::unique_ptr<CaptureProducer>> started;
+    std::weak_ptr<AVCaptureSession> weakSelf = weak_from_this();
+    for (const auto& connection : connections) {
+        if (!connection->isEnabled()) continue;
+        std::shared_ptr<AVCaptureOutput> output;
+        for (const auto& candidate : outputs)
+            if (candidate.get() == connection->output()) output = candidate;
+        if (!output) continue;
+        CaptureProducerSink sink;
+        std::weak_ptr<AVCaptureOutput> weakOutput = output;
+        std::weak_ptr<AVCaptureConnection> weakConnection = connection;
+        sink.output = [weakOutput, weakConnection](const CMSampleBuffer& sampleBuffer) {
+            auto target = weakOutput.lock();
+            auto connection = weakConnection.lock();
+            if (target && connection && connection->isEnabled()) target->deliver(sampleBuffer, connection);
+        };
+        sink.failed = [weakSelf](std::exception_ptr error) {
+            if (auto self = weakSelf.lock()) self->reportRuntimeError(error);
+        };
+        try {
+            started.push_back(connection->input()->device()->startProducing(output->requestFor(*connection), sink));
+        } catch (...) {
+            reportRuntimeError(std::current_exception());
+        }
+    }
+    std::lock_guard lock(mutex_);
+    for (auto& producer : started) producers_.push_back(std::move(producer));
+}
+
+void AVCaptureSession::stopRunning() {
+    std::lock_guard run(runMutex_);
+    std::vector<std::unique_ptr<CaptureProducer>> producers;
+    {
+        std::lock_guard lock(mutex_);
+        running_ = false;
+        producers.swap(producers_);
+    }
+    for (auto& producer : producers) producer->stop();
+}
+
+bool AVCaptureSession::isRunning() const {
+    std::lock_guard lock(mutex_);
+    return running_;
+}
+
+std::shared_ptr<const CMClock> AVCaptureSession::synchronizationClock() const {
+    std::lock_guard lock(mutex_);
+    for (const auto& input : inputs_)
+        if (auto deviceInput = std::dynamic_pointer_cast<AVCaptureDeviceInput>(input))
+            return deviceInput->device()->synchronizationClock();
+    return nullptr;
+}
+
+void AVCaptureSession::setRuntimeErrorHandler(std::function<void(std::exception_ptr)> handler) {
+    std::lock_guard lock(mutex_);
+    runtimeErrorHandler_ = handler ? std::make_shared<std::function<void(std::exception_ptr)>>(std::move(handler))
+                                   : nullptr;
+}
+
+void AVCaptureSession::reportRuntimeError(std::exception_ptr error) {
+    std::shared_ptr<std::function<void(std::exception_ptr)>> handler;
+    {
+        std::lock_guard lock(mutex_);
+        handler = runtimeErrorHandler_;
+    }
+    if (!handler) return;
+    notificationQueue().async([handler, error] { (*handler)(error); });
+}
+
+}  // namespace ov::platform

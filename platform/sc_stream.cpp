@@ -1,0 +1,159 @@
+#include "platform/sc_stream.h"
+
+#include "platform/capture_platform.h"
+
+namespace ov::platform {
+
+namespace {
+// The delegate hears of a stop on a queue of its own, never on the capture
+// thread, so that it may call stopCapture() or start a new stream.
+DispatchQueue& delegateQueue() {
+    static DispatchQueue queue("SCStream.DelegateQueue");
+    return queue;
+}
+}  // namespace
+
+std::shared_ptr<SCStream> SCStream::make(SCContentFilter filter, SCStreamConfiguration configuration,
+                                         std::weak_ptr<SCStreamDelegate> delegate) {
+    return std::shared_ptr<SCStream>(new SCStream(std::move(filter), std::move(configuration), std::move(delegate)));
+}
+
+SCStream::SCStream(SCContentFilter filter, SCStreamConfiguration configuration, std::weak_ptr<SCStreamDelegate> delegate)
+    : filter_(std::move(filter)), configuration_(std::move(configuration)), delegate_(std::move(delegate)) {}
+
+SCStream::~SCStream() {
+    std::shared_ptr<ScreenCaptureProducer> producer;
+    {
+        std::lock_guard lock(mutex_);
+        producer = std::move(producer_);
+    }
+    if (producer) producer->stop();
+}
+
+void SCStream::addStreamOutput(std::shared_ptr<SCStreamOutput> output, SCStreamOutputType type,
+                               std::shared_ptr<DispatchQueue> sampleHandlerQueue) {
+    if (!output || !sampleHandlerQueue)
+        throw SCStreamError(SCStreamError::invalidParameter, "The stream output or its queue is missing.");
+    if (type != SCStreamOutputType::screen && type != SCStreamOutputType::audio)
+        throw SCStreamError(SCStreamError::invalidParameter, "The stream output type isn't supported.",
+                            "SCStream output type " + std::to_string(static_cast<int>(type)) + " isn't supported");
+    std::lock_guard lock(mutex_);
+    for (const auto& entry : outputs_)
+        if (entry.output == output && entry.type == type)
+            throw SCStreamError(SCStreamError::invalidParameter, "The stream output was already added.");
+    outputs_.push_back({std::move(output), type, std::move(sampleHandlerQueue)});
+}
+
+void SCStream::removeStreamOutput(const std::shared_ptr<SCStreamOutput>& output, SCStreamOutputType type) {
+    std::lock_guard lock(mutex_);
+    std::erase_if(outputs_, [&](const OutputEntry& entry) { return entry.output == output && entry.type == type; });
+}
+
+void SCStream::startCapture() {
+    std::lock_guard control(controlMutex_);
+    uint64_t generation;
+    SCContentFilter filter = this->filter();
+    SCStreamConfiguration configuration = this->configuration();
+    {
+        std::lock_guard lock(mutex_);
+        if (capturing_)
+            throw SCStreamError(SCStreamError::attemptToStartStreamState, "The stream is already capturing.");
+        generation = ++generation_;
+    }
+    std::weak_ptr<SCStream> weakSelf = weak_from_this();
+    ScreenCaptureSink sink;
+    sink.output = [weakSelf](SCStreamOutputType type, const CMSampleBuffer& sampleBuffer) {
+        if (auto self = weakSelf.lock()) self->deliver(type, sampleBuffer);
+    };
+    sink.failed = [weakSelf, generation](std::exception_ptr error) {
+        if (auto self = weakSelf.lock()) self->stoppedByItself(generation, error);
+    };
+    auto producer = CapturePlatform::shared()->startScreenCapture(filter, configuration, std::move(sink));
+    std::lock_guard lock(mutex_);
+    producer_ = std::move(producer);
+    capturing_ = true;
+}
+
+void SCStream::stopCapture() {
+    std::lock_guard control(controlMutex_);
+    std::shared_ptr<ScreenCaptureProducer> producer;
+    {
+        std::lock_guard lock(mutex_);
+        if (!capturing_)
+            throw SCStreamError(SCStreamError::attemptToStopStreamState, "The stream is not capturing.",
+                                "stopCapture on a stream that is already stopped");
+        capturing_ = false;
+        producer = std::move(producer_);
+    }
+    if (producer) producer->stop();
+}
+
+void SCStream::updateContentFilter(const SCContentFilter& filter) {
+    std::lock_guard control(controlMutex_);
+    std::shared_ptr<ScreenCaptureProducer> producer;
+    {
+        std::lock_guard lock(mutex_);
+        filter_ = filter;
+        producer = producer_;
+    }
+    if (producer) producer->updateContentFilter(filter);
+}
+
+void SCStream::updateConfiguration(const SCStreamConfiguration& configuration) {
+    std::lock_guard control(controlMutex_);
+    std::shared_ptr<ScreenCaptureProducer> producer;
+    {
+        std::lock_guard lock(mutex_);
+        configuration_ = configuration;
+        producer = producer_;
+    }
+    if (producer) producer->updateConfiguration(configuration);
+}
+
+std::shared_ptr<const CMClock> SCStream::synchronizationClock() const {
+    std::lock_guard lock(mutex_);
+    return producer_ ? producer_->synchronizationClock() : nullptr;
+}
+
+SCContentFilter SCStream::filter() const {
+    std::lock_guard lock(mutex_);
+    return filter_;
+}
+
+SCStreamConfiguration SCStream::configuration() const {
+    std::lock_guard lock(mutex_);
+    return configuration_;
+}
+
+void SCStream::deliver(SCStreamOutputType type, const CMSampleBuffer& sampleBuffer) {
+    std::vector<OutputEntry> targets;
+    {
+        std::lock_guard lock(mutex_);
+        for (const auto& entry : outputs_)
+            if (entry.type == type) targets.push_back(entry);
+    }
+    for (auto& entry : targets) {
+        entry.queue->async([self = shared_from_this(), output = entry.output, sampleBuffer, type] {
+            output->stream(*self, sampleBuffer, type);
+        });
+    }
+}
+
+void SCStream::stoppedByItself(uint64_t generation, std::exception_ptr error) {
+    std::shared_ptr<ScreenCaptureProducer> producer;
+    {
+        std::lock_guard lock(mutex_);
+        if (generation != generation_ || !capturing_) return;
+        capturing_ = false;
+        producer = std::move(producer_);
+    }
+    auto delegate = delegate_;
+    // The producer reports from its own thread; it is stopped (and joined)
+    // on the delegate queue, after which the delegate hears of it.
+    delegateQueue().async([self = shared_from_this(), producer, delegate, error] {
+        if (producer) producer->stop();
+        if (auto target = delegate.lock()) target->streamDidStopWithError(*self, error);
+    });
+}
+
+}  // namespace ov::platform
