@@ -6,12 +6,14 @@
 #include <string>
 
 #include "host/echo_rpc.h"
+#include "host/recorder_rpc.h"
 
 namespace ov::host::Globals {
 
 std::vector<HVRPCTypeRegistration> registeredTypes() {
     std::vector<HVRPCTypeRegistration> types;
     types.push_back(makeRegistration<EchoRPC>());
+    types.push_back(makeRegistration<RecorderRPC>());
     return types;
 }
 

@@ -1,24 +1,53 @@
 #!/usr/bin/env bash
-# The main job: a host's exchange with orvane-rpc on the synthetic platform.
-# It pings the Echo type, asks for a failure and shows the error response.
+# The main job: a short recording on the synthetic platform, driven through
+# orvane-rpc exactly as a host drives it (list, init, prepare, start, stop),
+# then the bundle's path, its files and its "orvane.json".
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh >/dev/null
 dir="${ORVANE_BUILD_DIR:-build}"
+seconds="${ORVANE_DEMO_SECONDS:-3}"
 export ORVANE_PLATFORM=synthetic ORVANE_OS_LOG=error
-python3 - "$dir/orvane-rpc" <<'PY'
-import json, subprocess, sys
+python3 - "$dir/orvane-rpc" "$seconds" <<'PY'
+import json, os, subprocess, sys, time
 rpc = subprocess.Popen([sys.argv[1]], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
-def call(message):
+seconds = float(sys.argv[2])
+next_id = 0
+def call(message, show=True):
+    global next_id
+    next_id += 1
+    message = {"hvrpc": 1, "id": str(next_id), **message}
     line = json.dumps(message)
-    print("host  ->", line)
+    if show: print("host  ->", line)
     rpc.stdin.write(line + "\n"); rpc.stdin.flush()
-    answer = rpc.stdout.readline().strip()
-    print("rpc   <-", answer)
-    return json.loads(answer)
-call({"hvrpc": 1, "id": "1", "procedure": "perform", "type": "Echo", "action": "ping"})
-call({"hvrpc": 1, "id": "2", "procedure": "init", "type": "Echo", "target": "echo-1"})
-call({"hvrpc": 1, "id": "3", "procedure": "perform", "target": "echo-1", "action": "fail"})
-call({"hvrpc": 1, "id": "4", "procedure": "perform", "type": "Recorder", "action": "getDisplays"})
-rpc.kill()
+    while True:
+        answer = json.loads(rpc.stdout.readline())
+        if answer.get("id") == message["id"]: break
+        print("rpc   <- (callback)", json.dumps(answer))
+    if show: print("rpc   <-", json.dumps(answer)[:400])
+    return answer
+for action in ["getDisplays", "getMicrophones", "getCameras"]:
+    params = {"params": {"includeDeskView": False}} if action == "getCameras" else {}
+    call({"procedure": "perform", "type": "Recorder", "action": action, **params})
+items = []
+if os.environ.get("ORVANE_DEMO_ITEMS"):
+    items = json.loads(os.environ["ORVANE_DEMO_ITEMS"])
+call({"procedure": "init", "type": "Recorder", "target": "recorder-1",
+      "params": {"schema": {"items": items}, "onAbortInstance": "on-abort-1"}})
+call({"procedure": "perform", "target": "recorder-1", "action": "prepare"})
+call({"procedure": "perform", "target": "recorder-1", "action": "start"})
+time.sleep(seconds)
+answer = call({"procedure": "perform", "target": "recorder-1", "action": "stop"})
+call({"procedure": "release", "target": "recorder-1"})
+rpc.kill(); rpc.wait()
+result = answer.get("result")
+if not result:
+    sys.exit("the recording failed: " + json.dumps(answer))
+bundle = result["url"]
+print()
+print("bundle:", bundle)
+for name in sorted(os.listdir(bundle)):
+    print("  ", name, os.path.getsize(os.path.join(bundle, name)), "bytes")
+print("orvane.json:")
+print(open(os.path.join(bundle, "orvane.json")).read())
 PY

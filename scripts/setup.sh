@@ -9,6 +9,8 @@ packages=(
   build-essential cmake ninja-build pkg-config ccache
   # libraries
   nlohmann-json3-dev libcli11-dev libfmt-dev
+  # the recording's sleep inhibitor (logind over the system bus)
+  libsystemd-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
 )

@@ -1,0 +1,228 @@
+#include "host/recorder_rpc.h"
+
+#include "host/audio_buffer_data.h"
+#include "host/globals.h"
+#include "platform/audio_capabilities.h"
+#include "platform/capture_platform.h"
+#include "session/ov_bundle_info.h"
+#include "session/ov_error.h"
+
+namespace ov::coding {
+
+host::RecorderInitParams Decodable<host::RecorderInitParams>::decode(const Decoder& d) {
+    host::RecorderInitParams params;
+    params.schema = d.decode<host::RecorderSchema>("schema");
+    params.onAbortInstance = d.decode<std::string>("onAbortInstance");
+    return params;
+}
+
+host::GetCamerasParams Decodable<host::GetCamerasParams>::decode(const Decoder& d) {
+    return host::GetCamerasParams{d.decode<bool>("includeDeskView")};
+}
+
+}  // namespace ov::coding
+
+namespace ov::host {
+
+using platform::AVCaptureDeviceRef;
+using platform::AVMediaType;
+using platform::CapturePlatform;
+
+namespace {
+
+Json boundsJSON(const platform::CGRect& rect) {
+    Json bounds = Json::object();
+    bounds["x"] = rect.origin.x;
+    bounds["y"] = rect.origin.y;
+    bounds["width"] = rect.size.width;
+    bounds["height"] = rect.size.height;
+    return bounds;
+}
+
+const char* deviceAvailability(const platform::AVCaptureDevice& device) {
+    if (!device.isConnected()) return "notConnected";
+    if (device.isSuspended()) return "unknownSuspended";
+    return "available";
+}
+
+Json deviceJSON(const platform::AVCaptureDevice& device) {
+    Json record = Json::object();
+    record["id"] = device.uniqueID();
+    record["name"] = device.localizedName();
+    record["model_id"] = device.modelID();
+    record["manufacturer"] = device.manufacturer();
+    record["availability"] = deviceAvailability(device);
+    return record;
+}
+
+// Phones and tablets deliver muxed audio and video; cameras and microphones don't.
+bool isAttachedDevice(const platform::AVCaptureDevice& device) { return device.hasMediaType(AVMediaType::muxed); }
+
+std::vector<AVCaptureDeviceRef> devicesWith(AVMediaType mediaType) {
+    std::vector<AVCaptureDeviceRef> out;
+    for (auto& device : CapturePlatform::shared()->devices())
+        if (device->hasMediaType(mediaType) && !isAttachedDevice(*device)) out.push_back(device);
+    return out;
+}
+
+Json getDisplays() {
+    Json list = Json::array();
+    const auto content = CapturePlatform::shared()->shareableContent(false, false);
+    for (const auto& display : content.displays()) {
+        Json record = Json::object();
+        record["id"] = display.displayID;
+        record["frame"] = boundsJSON(display.frame);
+        // The main display holds the origin of the global coordinate space.
+        record["isMain"] = display.frame.origin.x == 0 && display.frame.origin.y == 0;
+        // Only connected displays are shareable.
+        record["availability"] = "available";
+        list.push_back(std::move(record));
+    }
+    return list;
+}
+
+Json getWindows() {
+    Json list = Json::array();
+    // The default listing: windows on screen, without the desktop's own.
+    const auto content = CapturePlatform::shared()->shareableContent(true, true);
+    for (const auto& window : content.windows()) {
+        Json record = Json::object();
+        record["id"] = window.windowID;
+        if (window.title) record["title"] = *window.title;
+        record["frame"] = boundsJSON(window.frame);
+        record["level"] = window.windowLayer;
+        if (window.owningApplication) {
+            record["application_process_id"] = window.owningApplication->processID;
+            record["application_name"] = window.owningApplication->applicationName;
+        }
+        list.push_back(std::move(record));
+    }
+    return list;
+}
+
+Json getDevices(AVMediaType mediaType) {
+    Json list = Json::array();
+    for (const auto& device : devicesWith(mediaType)) list.push_back(deviceJSON(*device));
+    return list;
+}
+
+Json getAppleDevices() {
+    Json list = Json::array();
+    for (const auto& device : CapturePlatform::shared()->devices()) {
+        if (!isAttachedDevice(*device)) continue;
+        Json record = Json::object();
+        record["id"] = device->uniqueID();
+        record["name"] = device->localizedName();
+        if (!device->modelID().empty()) record["model_id"] = device->modelID();
+        record["availability"] = device->isConnected() ? "available" : "notConnected";
+        list.push_back(std::move(record));
+    }
+    return list;
+}
+
+Json getRunningApplications() {
+    Json list = Json::array();
+    const auto content = CapturePlatform::shared()->shareableContent(false, false);
+    for (const auto& application : content.applications()) {
+        Json record = Json::object();
+        record["id"] = application.processID;
+        if (!application.applicationName.empty()) record["name"] = application.applicationName;
+        if (!application.bundleIdentifier.empty()) record["bundle_identifier"] = application.bundleIdentifier;
+        record["availability"] = "available";
+        list.push_back(std::move(record));
+    }
+    return list;
+}
+
+RecorderSchemaContext schemaContext(const std::shared_ptr<HalvernRPC>& engine) {
+    std::weak_ptr<HalvernRPC> weakEngine = engine;
+    Logger logger("RecorderRPC");
+    RecorderSchemaContext context;
+    context.perform = [weakEngine](const std::string& target, const Json& params) {
+        if (auto engine = weakEngine.lock()) engine->perform(target, params);
+    };
+    context.microphoneStreamCallback = [weakEngine, logger](const std::string& target) -> SampleBufferCallback {
+        return [weakEngine, logger, target](const platform::CMSampleBuffer& sampleBuffer) {
+            auto data = audioBufferData(sampleBuffer, logger);
+            if (!data) {
+                logger.error("Cannot convert CMSampleBuffer to AudioBufferData, no data sent to stream callback");
+                return true;
+            }
+            if (auto engine = weakEngine.lock()) engine->perform(target, *data);
+            return true;
+        };
+    };
+    context.audioStreamCallback = [weakEngine, logger](const std::string& target) -> PCMBufferCallback {
+        return [weakEngine, logger, target](const platform::AVAudioPCMBuffer& buffer) {
+            auto data = audioBufferData(buffer, logger);
+            if (!data) {
+                logger.error("Cannot convert AVAudioPCMBuffer to AudioBufferData, no data sent to stream callback");
+                return true;
+            }
+            if (auto engine = weakEngine.lock()) engine->perform(target, *data);
+            return true;
+        };
+    };
+    context.perApplicationAudioAvailable = [] { return platform::isPerApplicationAudioCaptureAvailable(); };
+    return context;
+}
+
+}  // namespace
+
+Json recordingResultJSON(const OVRecorderResult& result) {
+    Json record = Json::object();
+    record["url"] = result.bundleURL.string();
+    record["info"] = (result.bundleInfo ? *result.bundleInfo : OVBundleInfo::empty()).toJSON();
+    return record;
+}
+
+Json abortReasonJSON(const OVRecorderAbortReason& reason) {
+    Json record = Json::object();
+    record["reason"] = std::string(caseName(reason.kind()));
+    record["result"] = recordingResultJSON(reason.result());
+    if (reason.error()) record["error"] = errorPayload(reason.error());
+    return record;
+}
+
+std::shared_ptr<RecorderRPC> RecorderRPC::create(const std::shared_ptr<HalvernRPC>& engine,
+                                                 const HVRPCParams& params) {
+    const auto init = decodeParams<RecorderInitParams>(params);
+    auto schema = makeSchema(init.schema, schemaContext(engine));
+    auto settings = makeSettings(init.schema);
+
+    std::weak_ptr<HalvernRPC> weakEngine = engine;
+    auto onAbort = [weakEngine, target = init.onAbortInstance](const OVRecorderAbortReason& reason) {
+        if (auto engine = weakEngine.lock()) engine->perform(target, abortReasonJSON(reason));
+    };
+    return std::make_shared<RecorderRPC>(std::make_unique<OVRecorder>(
+        std::move(schema.items), std::move(schema.outputDirectory), std::move(settings), std::move(onAbort)));
+}
+
+std::optional<Json> RecorderRPC::performType(const std::string& action, const HVRPCParams& params) {
+    if (action == "getDisplays") return getDisplays();
+    if (action == "getWindows") return getWindows();
+    if (action == "getCameras") {
+        // Desk View is a camera of its own on other systems; Linux has none to leave out.
+        (void)decodeParams<GetCamerasParams>(params);
+        return getDevices(AVMediaType::video);
+    }
+    if (action == "getMicrophones") return getDevices(AVMediaType::audio);
+    if (action == "getAppleDevices") return getAppleDevices();
+    if (action == "getRunningApplications") return getRunningApplications();
+    throw HVRPCError(HVRPCStatusCode::notFound, "Unknown action '" + action + "'.");
+}
+
+std::optional<Json> RecorderRPC::perform(const std::string& action, const HVRPCParams&) {
+    if (action == "prepare") {
+        recordingSession_->prepare();
+        return std::nullopt;
+    }
+    if (action == "start") {
+        recordingSession_->start();
+        return std::nullopt;
+    }
+    if (action == "stop") return recordingResultJSON(recordingSession_->stop());
+    throw HVRPCError(HVRPCStatusCode::notFound, "Unknown action '" + action + "'.");
+}
+
+}  // namespace ov::host

@@ -1,0 +1,115 @@
+#include "session/ov_recorder.h"
+
+#include <fmt/format.h>
+
+#include "platform/platform_error.h"
+#include "session/short_id.h"
+
+namespace ov {
+
+namespace {
+
+std::string debugText(const std::exception_ptr& error) { return platform::describeError(error).debugDescription; }
+
+std::string optionalText(const std::optional<double>& value) {
+    return value ? fmt::format("{}", *value) : std::string("nil");
+}
+
+}  // namespace
+
+OVRecorder::OVRecorder(std::vector<SchemaItem> items, std::optional<std::filesystem::path> outputDirectory,
+                       std::optional<Settings> settings, AbortHandler onAbort, std::shared_ptr<OVLogger> ovLogger)
+    : id_(ShortID::make()),
+      schema_{std::move(outputDirectory), std::move(items)},
+      logger_("OVRecorder", id_, {}, std::move(ovLogger)),
+      settings_(settings.value_or(Settings{})) {
+    if (!onAbort) {
+        Logger logger = logger_;
+        onAbort = [logger](const AbortReason& reason) {
+            logger.warning("Aborted with no abort handler set.",
+                           [&] { return LogMetadata{{"reason", reason.logErrorDescription()}}; });
+        };
+    }
+    conductor_ = Conductor::create(id_, schema_, settings_._useTimeline, settings_.audioSegmentDuration,
+                                   settings_.videoSegmentDuration, settings_.keyframeIntervalDuration, logger_,
+                                   std::move(onAbort));
+    logger_.info("Initialized recorder", [&] {
+        return LogMetadata{{"allowFrameReordering", settings_.allowFrameReordering ? "true" : "false"},
+                           {"updatesUserPreferred", settings_.updatesUserPreferred ? "true" : "false"},
+                           {"_useTimeline", settings_._useTimeline ? "true" : "false"},
+                           {"audioSegmentDuration", std::to_string(settings_.audioSegmentDuration)},
+                           {"videoSegmentDuration", std::to_string(settings_.videoSegmentDuration)},
+                           {"keyframeIntervalDuration", optionalText(settings_.keyframeIntervalDuration)}};
+    });
+}
+
+OVRecorder::~OVRecorder() { logger_.info("Deinitialized recorder"); }
+
+std::string OVRecorder::debugDescription() const {
+    return fmt::format("OVRecorder: {} recorder items", schema_.items.size());
+}
+
+void OVRecorder::setAbortHandler(AbortHandler handler) {
+    try {
+        conductor_->setOnAbort(std::move(handler));
+    } catch (...) {
+        auto error = std::current_exception();
+        logger_.error([&] { return "Failed to set abort handler: " + debugText(error); });
+        throw;
+    }
+}
+
+OVBundleInfo OVRecorder::prepare() {
+    auto info = conductor_->prepare(ShortID::make());
+    logger_.info("Prepared recorder");
+    return info;
+}
+
+void OVRecorder::start() {
+    try {
+        conductor_->start(ShortID::make());
+    } catch (...) {
+        auto error = std::current_exception();
+        logger_.error([&] { return "Failed to start: " + debugText(error); });
+        throw;
+    }
+    // The preferred-source lists that updatesUserPreferred keeps belong to
+    // discovery, which this build doesn't have yet; nothing to update.
+    logger_.info("Started recording");
+}
+
+void OVRecorder::pause() {
+    try {
+        conductor_->pause();
+    } catch (...) {
+        auto error = std::current_exception();
+        logger_.error([&] { return "Failed to pause: " + debugText(error); });
+        throw;
+    }
+    logger_.info("Paused recording");
+}
+
+void OVRecorder::resume() {
+    try {
+        conductor_->resume();
+    } catch (...) {
+        auto error = std::current_exception();
+        logger_.error([&] { return "Failed to resume: " + debugText(error); });
+        throw;
+    }
+    logger_.info("Resumed recording");
+}
+
+OVRecorder::Result OVRecorder::stop() {
+    try {
+        auto result = conductor_->stop(ShortID::make());
+        logger_.info("Stopped recorder");
+        return result;
+    } catch (...) {
+        auto error = std::current_exception();
+        logger_.error([&] { return "Failed to stop: " + debugText(error); });
+        throw;
+    }
+}
+
+}  // namespace ov

@@ -1,0 +1,56 @@
+#pragma once
+// OVRecorder: the library's public face, one object per recording. It holds the
+// schema and the settings, gives each call a trace identifier, logs the
+// outcome, and leaves all real work to its Conductor.
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "output/ov_logger.h"
+#include "session/conductor.h"
+#include "session/ov_bundle_info.h"
+#include "session/ov_recorder_types.h"
+
+namespace ov {
+
+class OVRecorder : public OVRecorderTypes {
+public:
+    using AbortHandler = std::function<void(const AbortReason&)>;
+
+    // Without settings the defaults apply; without a handler an abort is
+    // logged as a warning and nothing else happens.
+    OVRecorder(std::vector<SchemaItem> items, std::optional<std::filesystem::path> outputDirectory = std::nullopt,
+               std::optional<Settings> settings = std::nullopt, AbortHandler onAbort = nullptr,
+               std::shared_ptr<OVLogger> ovLogger = OVLogger::shared());
+    ~OVRecorder();
+    OVRecorder(const OVRecorder&) = delete;
+    OVRecorder& operator=(const OVRecorder&) = delete;
+
+    // Any thread may call any operation; the conductor serialises them.
+    void setAbortHandler(AbortHandler handler);
+    void setAbortHander(AbortHandler handler) { setAbortHandler(std::move(handler)); }
+    OVBundleInfo prepare();
+    void start();
+    void pause();
+    void resume();
+    Result stop();
+
+    const std::string& id() const { return id_; }
+    const Schema& schema() const { return schema_; }
+    const Settings& settings() const { return settings_; }
+    const std::filesystem::path& bundleURL() const { return conductor_->bundleURL(); }
+    // "OVRecorder: <n> recorder items".
+    std::string debugDescription() const;
+
+private:
+    std::string id_;
+    Schema schema_;
+    Logger logger_;
+    Settings settings_;
+    std::shared_ptr<Conductor> conductor_;
+};
+
+}  // namespace ov
