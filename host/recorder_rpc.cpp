@@ -190,12 +190,16 @@ std::shared_ptr<RecorderRPC> RecorderRPC::create(const std::shared_ptr<HalvernRP
     auto schema = makeSchema(init.schema, schemaContext(engine));
     auto settings = makeSettings(init.schema);
 
+    return std::make_shared<RecorderRPC>(
+        std::make_unique<OVRecorder>(std::move(schema.items), std::move(schema.outputDirectory), std::move(settings),
+                                     abortHandler(engine, init.onAbortInstance)));
+}
+
+OVRecorder::AbortHandler RecorderRPC::abortHandler(const std::shared_ptr<HalvernRPC>& engine, std::string target) {
     std::weak_ptr<HalvernRPC> weakEngine = engine;
-    auto onAbort = [weakEngine, target = init.onAbortInstance](const OVRecorderAbortReason& reason) {
+    return [weakEngine, target = std::move(target)](const OVRecorderAbortReason& reason) {
         if (auto engine = weakEngine.lock()) engine->perform(target, abortReasonJSON(reason));
     };
-    return std::make_shared<RecorderRPC>(std::make_unique<OVRecorder>(
-        std::move(schema.items), std::move(schema.outputDirectory), std::move(settings), std::move(onAbort)));
 }
 
 std::optional<Json> RecorderRPC::performType(const std::string& action, const HVRPCParams& params) {

@@ -38,6 +38,10 @@ public:
 
     OVRecorder& recordingSession() { return *recordingSession_; }
 
+    // What the recording's end does for the host: one callback request to
+    // `target` with the reason's record. Holds the engine weakly.
+    static OVRecorder::AbortHandler abortHandler(const std::shared_ptr<HalvernRPC>& engine, std::string target);
+
 private:
     std::unique_ptr<OVRecorder> recordingSession_;
 };
