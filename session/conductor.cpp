@@ -410,63 +410,77 @@ void Conductor::startLocked(Lock& lock, const std::string& traceID) {
 
 // ---- pause and resume -------------------------------------------------------------------------
 
+// pause and resume are one move on the timeline each, with their own texts.
+struct Conductor::TimelineChange {
+    const char* timelineRequired;
+    StateKind from;
+    StateKind to;
+    void (VolatileRecordingTimeline::*apply)(double);
+    const char* beginText;
+    const char* doneText;
+    const char* timeKey;
+    const char* alreadyText;
+    const char* notActiveText;
+    const char* notActiveDebug;
+    const char* stoppedText;
+    const char* stoppedDebug;
+};
+
 void Conductor::pause() {
-    Lock lock(mutex_);
-    if (!useTimeline_)
-        throw OVError(OVError::Code::configurationNotSupported, std::string("Timeline support is required to pause."));
-    auto state = [&] { return LogMetadata{{"state", std::string(debugName(state_.kind))}}; };
-    switch (state_.kind) {
-        case Kind::recording: {
-            logger_.info("Pausing recording.");
-            const double pauseTime = hostSeconds();
-            recordingTimeline_->pause(pauseTime);
-            setState(stateOf(Kind::paused));
-            logger_.info("Paused recording.", [&] { return LogMetadata{{"pauseTime", fmt::format("{}", pauseTime)}}; });
-            return;
-        }
-        case Kind::paused:
-            logger_.info("Pause called while already paused, nothing to do.");
-            return;
-        case Kind::initial:
-        case Kind::preparing:
-        case Kind::prepared:
-        case Kind::prepareFailed:
-            logger_.info("Cannot pause a recorder that is not recording.", state);
-            throw conductorError("Pause called on recorder that is not recording.");
-        default:
-            logger_.info("Cannot pause a recorder that has already been stopped.", state);
-            throw conductorError("Pause called on recorder that already has stopped recording.");
-    }
+    static const TimelineChange change{"Timeline support is required to pause.",
+                                       Kind::recording,
+                                       Kind::paused,
+                                       &VolatileRecordingTimeline::pause,
+                                       "Pausing recording.",
+                                       "Paused recording.",
+                                       "pauseTime",
+                                       "Pause called while already paused, nothing to do.",
+                                       "Cannot pause a recorder that is not recording.",
+                                       "Pause called on recorder that is not recording.",
+                                       "Cannot pause a recorder that has already been stopped.",
+                                       "Pause called on recorder that already has stopped recording."};
+    changeTimeline(change);
 }
 
 void Conductor::resume() {
+    static const TimelineChange change{"Timeline support is required to resume.",
+                                       Kind::paused,
+                                       Kind::recording,
+                                       &VolatileRecordingTimeline::start,
+                                       "Resuming recording.",
+                                       "Resumed recording.",
+                                       "resumeTime",
+                                       "Resume called while already recording, nothing to do.",
+                                       "Cannot resume a recorder that was not paused.",
+                                       "Resume called on recorder that is not paused.",
+                                       "Cannot resume a recorder that has already been stopped.",
+                                       "Resume called on recorder that already has stopped recording."};
+    changeTimeline(change);
+}
+
+void Conductor::changeTimeline(const TimelineChange& change) {
     Lock lock(mutex_);
-    if (!useTimeline_)
-        throw OVError(OVError::Code::configurationNotSupported, std::string("Timeline support is required to resume."));
+    if (!useTimeline_) throw OVError(OVError::Code::configurationNotSupported, std::string(change.timelineRequired));
     auto state = [&] { return LogMetadata{{"state", std::string(debugName(state_.kind))}}; };
-    switch (state_.kind) {
-        case Kind::paused: {
-            logger_.info("Resuming recording.");
-            const double resumeTime = hostSeconds();
-            recordingTimeline_->start(resumeTime);
-            setState(stateOf(Kind::recording));
-            logger_.info("Resumed recording.",
-                         [&] { return LogMetadata{{"resumeTime", fmt::format("{}", resumeTime)}}; });
-            return;
-        }
-        case Kind::recording:
-            logger_.info("Resume called while already recording, nothing to do.");
-            return;
-        case Kind::initial:
-        case Kind::preparing:
-        case Kind::prepared:
-        case Kind::prepareFailed:
-            logger_.info("Cannot resume a recorder that was not paused.", state);
-            throw conductorError("Resume called on recorder that is not paused.");
-        default:
-            logger_.info("Cannot resume a recorder that has already been stopped.", state);
-            throw conductorError("Resume called on recorder that already has stopped recording.");
+    const Kind kind = state_.kind;
+    if (kind == change.from) {
+        logger_.info(change.beginText);
+        const double at = hostSeconds();
+        ((*recordingTimeline_).*change.apply)(at);
+        setState(stateOf(change.to));
+        logger_.info(change.doneText, [&] { return LogMetadata{{change.timeKey, fmt::format("{}", at)}}; });
+        return;
     }
+    if (kind == change.to) {
+        logger_.info(change.alreadyText);
+        return;
+    }
+    if (kind == Kind::initial || kind == Kind::preparing || kind == Kind::prepared || kind == Kind::prepareFailed) {
+        logger_.info(change.notActiveText, state);
+        throw conductorError(change.notActiveDebug);
+    }
+    logger_.info(change.stoppedText, state);
+    throw conductorError(change.stoppedDebug);
 }
 
 // ---- stop -------------------------------------------------------------------------------------

@@ -110,6 +110,8 @@ private:
     OVRecorderResult runStop(Lock& lock, const std::string& traceID);
     void abort(const AbortSignal& signal, const std::string& traceID);
 
+    struct TimelineChange;
+    void changeTimeline(const TimelineChange& change);
     void setState(State state);
     void waitForStateChange(Lock& lock);
     void openLogFile();

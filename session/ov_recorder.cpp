@@ -49,14 +49,20 @@ std::string OVRecorder::debugDescription() const {
     return fmt::format("OVRecorder: {} recorder items", schema_.items.size());
 }
 
-void OVRecorder::setAbortHandler(AbortHandler handler) {
+// Runs a conductor call; a failure is logged with `failurePrefix` and its debug text, then passes on.
+template <class F>
+auto OVRecorder::logged(const char* failurePrefix, F&& call) -> decltype(call()) {
     try {
-        conductor_->setOnAbort(std::move(handler));
+        return call();
     } catch (...) {
         auto error = std::current_exception();
-        logger_.error([&] { return "Failed to set abort handler: " + debugText(error); });
+        logger_.error([&] { return failurePrefix + debugText(error); });
         throw;
     }
+}
+
+void OVRecorder::setAbortHandler(AbortHandler handler) {
+    logged("Failed to set abort handler: ", [&] { conductor_->setOnAbort(std::move(handler)); });
 }
 
 OVBundleInfo OVRecorder::prepare() {
@@ -66,50 +72,26 @@ OVBundleInfo OVRecorder::prepare() {
 }
 
 void OVRecorder::start() {
-    try {
-        conductor_->start(ShortID::make());
-    } catch (...) {
-        auto error = std::current_exception();
-        logger_.error([&] { return "Failed to start: " + debugText(error); });
-        throw;
-    }
+    logged("Failed to start: ", [&] { conductor_->start(ShortID::make()); });
     // The preferred-source lists that updatesUserPreferred keeps belong to
     // discovery, which this build doesn't have yet; nothing to update.
     logger_.info("Started recording");
 }
 
 void OVRecorder::pause() {
-    try {
-        conductor_->pause();
-    } catch (...) {
-        auto error = std::current_exception();
-        logger_.error([&] { return "Failed to pause: " + debugText(error); });
-        throw;
-    }
+    logged("Failed to pause: ", [&] { conductor_->pause(); });
     logger_.info("Paused recording");
 }
 
 void OVRecorder::resume() {
-    try {
-        conductor_->resume();
-    } catch (...) {
-        auto error = std::current_exception();
-        logger_.error([&] { return "Failed to resume: " + debugText(error); });
-        throw;
-    }
+    logged("Failed to resume: ", [&] { conductor_->resume(); });
     logger_.info("Resumed recording");
 }
 
 OVRecorder::Result OVRecorder::stop() {
-    try {
-        auto result = conductor_->stop(ShortID::make());
-        logger_.info("Stopped recorder");
-        return result;
-    } catch (...) {
-        auto error = std::current_exception();
-        logger_.error([&] { return "Failed to stop: " + debugText(error); });
-        throw;
-    }
+    auto result = logged("Failed to stop: ", [&] { return conductor_->stop(ShortID::make()); });
+    logger_.info("Stopped recorder");
+    return result;
 }
 
 }  // namespace ov

@@ -46,6 +46,9 @@ public:
     std::string debugDescription() const;
 
 private:
+    template <class F>
+    auto logged(const char* failurePrefix, F&& call) -> decltype(call());
+
     std::string id_;
     Schema schema_;
     Logger logger_;
