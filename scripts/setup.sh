@@ -11,6 +11,8 @@ packages=(
   nlohmann-json3-dev libcli11-dev libfmt-dev
   # the recording's sleep inhibitor (logind over the system bus)
   libsystemd-dev
+  # media encoding and containers; ffprobe/ffmpeg check the files in tests
+  libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev ffmpeg
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
 )
