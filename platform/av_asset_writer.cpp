@@ -12,8 +12,13 @@ extern "C" {
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cmath>
+#include <deque>
+#include <filesystem>
 #include <map>
+#include <thread>
 #include <stdexcept>
 
 #include "platform/av_audio_pcm_buffer.h"
@@ -24,6 +29,11 @@ namespace ov::platform {
 
 namespace {
 
+constexpr std::size_t videoQueueLimit = 8;
+constexpr std::size_t audioQueueLimit = 64;
+
+std::string errorDomainName() { return "Orvane.AVAssetWriter"; }
+
 std::string avErrorText(int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(code, text, sizeof text);
@@ -31,7 +41,7 @@ std::string avErrorText(int code) {
 }
 
 [[noreturn]] void fail(const std::string& what, int code = 0) {
-    throw PlatformError(AVAssetWriter::errorDomain, code, what + (code ? ": " + avErrorText(code) : std::string()));
+    throw PlatformError(errorDomainName(), code, what + (code ? ": " + avErrorText(code) : std::string()));
 }
 
 void check(int code, const char* what) {
@@ -91,7 +101,7 @@ std::string AVAssetSegmentReport::debugDescription() const {
 
 // ---- The encoder side ---------------------------------------------------------------------------
 
-struct AVAssetWriterInput::Track {
+struct EncoderTrack {
     AVMediaType mediaType = AVMediaType::video;
     AVCodecContext* encoder = nullptr;
     AVStream* stream = nullptr;
@@ -119,7 +129,7 @@ struct AVAssetWriterInput::Track {
     int64_t fragmentEndPts = 0;
     bool finished = false;
 
-    ~Track() {
+    ~EncoderTrack() {
         avcodec_free_context(&encoder);
         av_frame_free(&frame);
         av_packet_free(&packet);
@@ -131,6 +141,7 @@ struct AVAssetWriterInput::Track {
 };
 
 struct AVAssetWriterCore {
+    std::function<void(const std::string&)> notify;
     struct Job {
         enum class Kind { sample, finishInput, finishWriting } kind = Kind::sample;
         int input = -1;
@@ -142,6 +153,8 @@ struct AVAssetWriterCore {
     std::mutex mutex;
     std::condition_variable cv;
     std::condition_variable finishedCv;
+    // Offline inputs wait here for room in their queue.
+    std::condition_variable roomCv;
     std::deque<Job> jobs;
     std::vector<size_t> pending;
     std::vector<size_t> limits;
@@ -156,9 +169,9 @@ struct AVAssetWriterCore {
     // Encoder thread only.
     AVFormatContext* format = nullptr;
     AVIOContext* io = nullptr;
-    std::vector<std::unique_ptr<AVAssetWriterInput::Track>> tracks;
+    std::vector<std::unique_ptr<EncoderTrack>> tracks;
     bool segmented = false;
-    std::shared_ptr<AVAssetWriterDelegate> delegate;
+    std::weak_ptr<AVAssetWriterDelegate> delegate;
     std::vector<uint8_t> segmentBytes;
     double segmentInterval = 6;
     int64_t nextSegmentIndex = 1;
@@ -195,7 +208,12 @@ struct AVAssetWriterCore {
                        jobs.end());
         }
         cv.notify_all();
+        roomCv.notify_all();
         for (auto& o : observers) o(e);
+        if (notify) {
+            notify("status");
+            notify("error");
+        }
     }
 
     bool failed() {
@@ -226,11 +244,13 @@ struct AVAssetWriterCore {
                 std::lock_guard lock(mutex);
                 if (pending[job.input] > 0) --pending[job.input];
             }
+            roomCv.notify_all();
             if (job.kind == Job::Kind::finishWriting) {
                 {
                     std::lock_guard lock(mutex);
                     if (!error) status = AVAssetWriterStatus::completed;
                 }
+                if (notify) notify("status");
                 if (job.completion) job.completion();
                 finishedCv.notify_all();
             }
@@ -245,12 +265,12 @@ struct AVAssetWriterCore {
         return size;
     }
 
-    void open(const std::filesystem::path& url, AVFileType fileType,
+    void open(const std::string& url, AVFileType fileType,
               const std::vector<std::shared_ptr<AVAssetWriterInput>>& inputs) {
         const char* muxer = segmented ? "mp4"
-                            : fileType == AVFileType::mpeg4   ? "mp4"
-                            : fileType == AVFileType::appleM4A ? "ipod"
-                                                               : "mov";
+                            : fileType == AVFileType::mp4 ? "mp4"
+                            : fileType == AVFileType::m4a ? "ipod"
+                                                          : "mov";
         check(avformat_alloc_output_context2(&format, nullptr, muxer, segmented ? nullptr : url.c_str()),
               "Can't create the container");
         for (auto& input : inputs) tracks.push_back(openTrack(*input));
@@ -267,7 +287,7 @@ struct AVAssetWriterCore {
             format->flags |= AVFMT_FLAG_CUSTOM_IO;
         } else {
             if (std::filesystem::exists(url))
-                throw PlatformError(AVAssetWriter::errorDomain, EEXIST, "The output file already exists: " + url.string());
+                throw PlatformError(errorDomainName(), EEXIST, "The output file already exists: " + url);
             // Fragments of about a second keep the file playable if the process dies;
             // the movie header waits for the first fragment so that it can carry
             // the audio priming as an edit list.
@@ -285,8 +305,8 @@ struct AVAssetWriterCore {
         }
     }
 
-    std::unique_ptr<AVAssetWriterInput::Track> openTrack(AVAssetWriterInput& input) {
-        auto track = std::make_unique<AVAssetWriterInput::Track>();
+    std::unique_ptr<EncoderTrack> openTrack(AVAssetWriterInput& input) {
+        auto track = std::make_unique<EncoderTrack>();
         track->mediaType = input.mediaType();
         const auto& settings = input.outputSettings();
         track->packet = av_packet_alloc();
@@ -387,7 +407,7 @@ struct AVAssetWriterCore {
             encodeAudio(track, sample, start, end);
     }
 
-    void encodeVideo(AVAssetWriterInput::Track& track, const CMSampleBuffer& sample, const CMTime& start,
+    void encodeVideo(EncoderTrack& track, const CMSampleBuffer& sample, const CMTime& start,
                      const CMTime& end) {
         const auto& image = sample.imageBuffer();
         if (!image) return;
@@ -453,7 +473,7 @@ struct AVAssetWriterCore {
         return std::nullopt;
     }
 
-    void encodeAudio(AVAssetWriterInput::Track& track, const CMSampleBuffer& sample, const CMTime& start,
+    void encodeAudio(EncoderTrack& track, const CMSampleBuffer& sample, const CMTime& start,
                      const CMTime& end) {
         auto pcm = sample.audioPCMBuffer();
         if (!pcm || pcm->frameLength() == 0) return;
@@ -520,7 +540,7 @@ struct AVAssetWriterCore {
         encodeFifo(track, false);
     }
 
-    void writeSilence(AVAssetWriterInput::Track& track, int64_t samples) {
+    void writeSilence(EncoderTrack& track, int64_t samples) {
         const int channels = track.encoder->ch_layout.nb_channels;
         std::vector<float> zeros(size_t(std::min<int64_t>(samples, 48000)), 0.0f);
         std::vector<void*> planes(size_t(channels), zeros.data());
@@ -532,7 +552,7 @@ struct AVAssetWriterCore {
         }
     }
 
-    void encodeFifo(AVAssetWriterInput::Track& track, bool flush) {
+    void encodeFifo(EncoderTrack& track, bool flush) {
         auto* enc = track.encoder;
         const int frameSize = enc->frame_size;
         while (av_audio_fifo_size(track.fifo) >= frameSize || (flush && av_audio_fifo_size(track.fifo) > 0)) {
@@ -553,7 +573,7 @@ struct AVAssetWriterCore {
         }
     }
 
-    void drainEncoder(AVAssetWriterInput::Track& track, std::optional<int64_t> /*boundary*/) {
+    void drainEncoder(EncoderTrack& track, std::optional<int64_t> /*boundary*/) {
         for (;;) {
             const int r = avcodec_receive_packet(track.encoder, track.packet);
             if (r == AVERROR(EAGAIN) || r == AVERROR_EOF) return;
@@ -564,7 +584,7 @@ struct AVAssetWriterCore {
 
     // Packets are written one behind, so that each gets the distance to the
     // next as its duration; the last one gets the distance to the session's end.
-    void writePacket(AVAssetWriterInput::Track& track, AVPacket* packet) {
+    void writePacket(EncoderTrack& track, AVPacket* packet) {
         if (track.mediaType == AVMediaType::audio) {
             // The encoder's packets carry their own durations; no need to wait.
             packet->stream_index = track.stream->index;
@@ -582,7 +602,7 @@ struct AVAssetWriterCore {
         av_packet_unref(packet);
     }
 
-    void flushHeld(AVAssetWriterInput::Track& track) {
+    void flushHeld(EncoderTrack& track) {
         AVPacket* held = track.heldPacket;
         track.heldPacket = nullptr;
         held->stream_index = track.stream->index;
@@ -594,14 +614,14 @@ struct AVAssetWriterCore {
         check(r, "Can't write video");
     }
 
-    void noteFragment(AVAssetWriterInput::Track& track, int64_t pts, int64_t endPts) {
+    void noteFragment(EncoderTrack& track, int64_t pts, int64_t endPts) {
         if (!track.fragmentFirstPts) track.fragmentFirstPts = pts;
         track.fragmentEndPts = std::max(track.fragmentEndPts, endPts);
     }
 
     // Cuts a segment before the first packet at or past the next bound: for
     // video that packet is the keyframe forced there.
-    void maybeCutSegment(AVAssetWriterInput::Track& track, int64_t pts, bool isKey) {
+    void maybeCutSegment(EncoderTrack& track, int64_t pts, bool isKey) {
         if (!segmented) return;
         const int64_t rate = track.encoder->time_base.den;
         const auto bound = segmentBoundaryTicks(pts, rate);
@@ -617,6 +637,7 @@ struct AVAssetWriterCore {
             if (!t->fragmentFirstPts) continue;
             any = true;
             const int32_t scale = t->encoder->time_base.den;
+            report.segmentType = AVAssetSegmentType::separable;
             report.trackReports.push_back({t->mediaType, CMTime(*t->fragmentFirstPts, scale),
                                            CMTime(t->fragmentEndPts - *t->fragmentFirstPts, scale)});
             t->fragmentFirstPts.reset();
@@ -629,13 +650,18 @@ struct AVAssetWriterCore {
     }
 
     void emitSegment(AVAssetSegmentType type, const AVAssetSegmentReport* report) {
-        AVSegmentData data;
-        data.swap(segmentBytes);
-        if (data.empty()) return;
-        if (delegate) delegate->assetWriterDidOutputSegmentData(*owner, std::move(data), type, report);
+        auto data = std::make_shared<std::vector<uint8_t>>();
+        data->swap(segmentBytes);
+        if (data->empty()) return;
+        std::shared_ptr<AVAssetWriterDelegate> target;
+        {
+            std::lock_guard lock(mutex);
+            target = delegate.lock();
+        }
+        if (target) target->didOutputSegmentData(*owner, std::move(data), type, report);
     }
 
-    void finishTrack(AVAssetWriterInput::Track& track) {
+    void finishTrack(EncoderTrack& track) {
         if (track.finished) return;
         track.finished = true;
         if (track.mediaType == AVMediaType::audio) encodeFifo(track, true);
@@ -676,41 +702,69 @@ struct AVAssetWriterCore {
 
 // ---- AVAssetWriterInput ------------------------------------------------------------------------
 
+struct AVAssetWriterInput::Impl {
+    std::weak_ptr<AVAssetWriterCore> core;
+    int index = -1;
+    std::atomic<bool> finished{false};
+};
+
+struct AVAssetWriter::Impl {
+    std::shared_ptr<AVAssetWriterCore> core = std::make_shared<AVAssetWriterCore>();
+    AVFileTypeProfile profile = AVFileTypeProfile::none;
+    CMTime segmentInterval = kCMTimeInvalid;
+    CMTime initialSegmentStart = kCMTimeZero;
+    std::vector<std::shared_ptr<AVAssetWriterInput>> inputs;
+    bool segmented = false;
+};
+
 AVAssetWriterInput::AVAssetWriterInput(AVMediaType mediaType, AVSettingsDictionary outputSettings)
-    : mediaType_(mediaType), outputSettings_(std::move(outputSettings)) {
-    if (mediaType_ == AVMediaType::muxed) throw std::invalid_argument("A writer input is audio or video");
-    if (mediaType_ == AVMediaType::video) {
-        const auto codec = setting<std::string>(outputSettings_, AVVideoCodecKey, AVVideoCodecTypeH264);
-        if (codec != AVVideoCodecTypeH264 && codec != AVVideoCodecTypeHEVC)
-            throw std::invalid_argument("Unknown video codec " + codec);
-        if (setting<int>(outputSettings_, AVVideoWidthKey, 0) <= 0 || setting<int>(outputSettings_, AVVideoHeightKey, 0) <= 0)
-            throw std::invalid_argument("Video output settings need a width and a height");
-    } else if (outputSettings_.is_object() && outputSettings_.contains(AVFormatIDKey) &&
-               setting<uint32_t>(outputSettings_, AVFormatIDKey, kAudioFormatMPEG4AAC) != kAudioFormatMPEG4AAC) {
-        throw std::invalid_argument("Audio is written as AAC");
-    }
-}
+    : mediaType_(mediaType), outputSettings_(std::move(outputSettings)), impl_(std::make_unique<Impl>()) {}
 
 AVAssetWriterInput::~AVAssetWriterInput() = default;
 
+std::shared_ptr<AVAssetWriterInput> AVAssetWriterInput::make(AVMediaType mediaType, AVSettingsDictionary outputSettings) {
+    if (mediaType == AVMediaType::muxed) throw std::invalid_argument("A writer input is audio or video");
+    if (mediaType == AVMediaType::video) {
+        const auto codec = setting<std::string>(outputSettings, AVVideoCodecKey, AVVideoCodecTypeH264);
+        if (codec != AVVideoCodecTypeH264 && codec != AVVideoCodecTypeHEVC)
+            throw std::invalid_argument("Unknown video codec " + codec);
+        const int width = setting<int>(outputSettings, AVVideoWidthKey, 0);
+        const int height = setting<int>(outputSettings, AVVideoHeightKey, 0);
+        if (width <= 0 || height <= 0) throw std::invalid_argument("Video output settings need a width and a height");
+        if (width % 2 || height % 2) throw std::invalid_argument("4:2:0 video needs even dimensions");
+    } else if (outputSettings.is_object() && outputSettings.contains(AVFormatIDKey) &&
+               setting<uint32_t>(outputSettings, AVFormatIDKey, kAudioFormatMPEG4AAC) != kAudioFormatMPEG4AAC) {
+        throw std::invalid_argument("Audio is written as AAC");
+    }
+    return std::shared_ptr<AVAssetWriterInput>(new AVAssetWriterInput(mediaType, std::move(outputSettings)));
+}
+
 bool AVAssetWriterInput::isReadyForMoreMediaData() const {
-    auto core = core_.lock();
-    if (!core || finished_) return false;
+    auto core = impl_->core.lock();
+    if (!core || impl_->finished) return false;
     std::lock_guard lock(core->mutex);
     if (core->status != AVAssetWriterStatus::writing) return false;
-    return core->pending[index_] < core->limits[index_];
+    return core->pending[impl_->index] < core->limits[impl_->index];
 }
 
 bool AVAssetWriterInput::append(const CMSampleBuffer& sampleBuffer) {
-    auto core = core_.lock();
-    if (!core || finished_) return false;
+    auto core = impl_->core.lock();
+    if (!core || impl_->finished) return false;
+    const bool isVideo = bool(sampleBuffer.imageBuffer());
+    if (isVideo != (mediaType_ == AVMediaType::video)) return false;
     {
-        std::lock_guard lock(core->mutex);
+        std::unique_lock lock(core->mutex);
+        const int index = impl_->index;
+        // An offline input waits for room; a real-time one says no at once.
+        if (!realTime_)
+            core->roomCv.wait(lock, [&] {
+                return core->status != AVAssetWriterStatus::writing || core->pending[index] < core->limits[index];
+            });
         if (core->status != AVAssetWriterStatus::writing) return false;
-        if (core->pending[index_] >= core->limits[index_]) return false;
-        ++core->pending[index_];
+        if (core->pending[index] >= core->limits[index]) return false;
+        ++core->pending[index];
         AVAssetWriterCore::Job job;
-        job.input = index_;
+        job.input = index;
         job.sample = sampleBuffer;
         core->jobs.push_back(std::move(job));
     }
@@ -719,15 +773,15 @@ bool AVAssetWriterInput::append(const CMSampleBuffer& sampleBuffer) {
 }
 
 void AVAssetWriterInput::markAsFinished() {
-    if (finished_.exchange(true)) return;
-    auto core = core_.lock();
+    if (impl_->finished.exchange(true)) return;
+    auto core = impl_->core.lock();
     if (!core) return;
     {
         std::lock_guard lock(core->mutex);
         if (core->status != AVAssetWriterStatus::writing) return;
         AVAssetWriterCore::Job job;
         job.kind = AVAssetWriterCore::Job::Kind::finishInput;
-        job.input = index_;
+        job.input = impl_->index;
         core->jobs.push_back(std::move(job));
     }
     core->cv.notify_all();
@@ -735,173 +789,206 @@ void AVAssetWriterInput::markAsFinished() {
 
 // ---- AVAssetWriter -----------------------------------------------------------------------------
 
-AVAssetWriter::AVAssetWriter(std::filesystem::path url, AVFileType fileType)
-    : outputURL_(std::move(url)), fileType_(fileType), core_(std::make_shared<AVAssetWriterCore>()) {
-    core_->owner = this;
+std::shared_ptr<AVAssetWriter> AVAssetWriter::make(const std::string& url, AVFileType fileType) {
+    std::string path = url;
+    if (path.rfind("file://", 0) == 0) path = path.substr(7);
+    if (path.empty() || path.front() != '/')
+        throw PlatformError(errorDomainName(), EINVAL, "The output URL is not a file path: " + url);
+    if (std::filesystem::exists(path))
+        throw PlatformError(errorDomainName(), EEXIST, "A file already exists at " + path);
+    auto writer = std::shared_ptr<AVAssetWriter>(new AVAssetWriter());
+    writer->outputURL_ = "file://" + path;
+    writer->outputPath_ = path;
+    writer->fileType_ = fileType;
+    writer->impl_ = std::make_unique<Impl>();
+    writer->wireCore();
+    return writer;
 }
 
-AVAssetWriter::AVAssetWriter(AVContentType) : segmented_(true), core_(std::make_shared<AVAssetWriterCore>()) {
-    core_->owner = this;
-    core_->segmented = true;
-    profile_ = AVFileTypeProfile::mpeg4AppleHLS;
+std::shared_ptr<AVAssetWriter> AVAssetWriter::make(UTType) {
+    auto writer = std::shared_ptr<AVAssetWriter>(new AVAssetWriter());
+    writer->impl_ = std::make_unique<Impl>();
+    writer->impl_->segmented = true;
+    writer->impl_->core->segmented = true;
+    writer->wireCore();
+    return writer;
+}
+
+void AVAssetWriter::wireCore() {
+    auto& core = *impl_->core;
+    core.owner = this;
+    core.notify = [this](const std::string& key) { observers_.notify(key); };
 }
 
 AVAssetWriter::~AVAssetWriter() {
-    // The thread ends with the core; it must not outlive `owner`.
-    core_.reset();
+    // The encoder thread ends with the core; it must not outlive this object.
+    if (impl_) impl_->core.reset();
 }
 
-void AVAssetWriter::setDelegate(std::shared_ptr<AVAssetWriterDelegate> delegate) {
-    std::lock_guard lock(core_->mutex);
-    core_->delegate = std::move(delegate);
+AVFileTypeProfile AVAssetWriter::outputFileTypeProfile() const { return impl_->profile; }
+void AVAssetWriter::setOutputFileTypeProfile(AVFileTypeProfile profile) { impl_->profile = profile; }
+CMTime AVAssetWriter::preferredOutputSegmentInterval() const { return impl_->segmentInterval; }
+void AVAssetWriter::setPreferredOutputSegmentInterval(const CMTime& interval) { impl_->segmentInterval = interval; }
+CMTime AVAssetWriter::initialSegmentStartTime() const { return impl_->initialSegmentStart; }
+void AVAssetWriter::setInitialSegmentStartTime(const CMTime& time) { impl_->initialSegmentStart = time; }
+
+std::shared_ptr<AVAssetWriterDelegate> AVAssetWriter::delegate() const {
+    std::lock_guard lock(impl_->core->mutex);
+    return impl_->core->delegate.lock();
+}
+
+void AVAssetWriter::setDelegate(std::weak_ptr<AVAssetWriterDelegate> delegate) {
+    std::lock_guard lock(impl_->core->mutex);
+    impl_->core->delegate = std::move(delegate);
 }
 
 bool AVAssetWriter::canAdd(const std::shared_ptr<AVAssetWriterInput>& input) const {
-    if (!input || input->index_ >= 0) return false;
-    std::lock_guard lock(core_->mutex);
-    if (core_->status != AVAssetWriterStatus::unknown) return false;
+    if (!input || input->impl_->index >= 0) return false;
+    {
+        std::lock_guard lock(impl_->core->mutex);
+        if (impl_->core->status != AVAssetWriterStatus::unknown) return false;
+    }
     // An audio file holds audio only; a segment stream holds one track.
-    if (!segmented_ && fileType_ == AVFileType::appleM4A && input->mediaType() != AVMediaType::audio) return false;
-    if (segmented_ && !inputs_.empty()) return false;
+    if (fileType_ == AVFileType::m4a && input->mediaType() != AVMediaType::audio) return false;
+    if (impl_->segmented && !impl_->inputs.empty()) return false;
     return true;
 }
 
-void AVAssetWriter::add(const std::shared_ptr<AVAssetWriterInput>& input) {
-    if (!canAdd(input)) throw std::logic_error("Cannot add this input to the writer");
-    input->index_ = int(inputs_.size());
-    input->core_ = core_;
-    inputs_.push_back(input);
-    std::lock_guard lock(core_->mutex);
-    core_->pending.push_back(0);
-    core_->limits.push_back(input->mediaType() == AVMediaType::video ? videoQueueLimit : audioQueueLimit);
+void AVAssetWriter::add(std::shared_ptr<AVAssetWriterInput> input) {
+    if (!canAdd(input)) throw std::logic_error("AVAssetWriter can't add this input");
+    input->impl_->index = int(impl_->inputs.size());
+    input->impl_->core = impl_->core;
+    std::lock_guard lock(impl_->core->mutex);
+    impl_->core->pending.push_back(0);
+    impl_->core->limits.push_back(input->mediaType() == AVMediaType::video ? videoQueueLimit : audioQueueLimit);
+    impl_->inputs.push_back(std::move(input));
 }
 
+std::vector<std::shared_ptr<AVAssetWriterInput>> AVAssetWriter::inputs() const { return impl_->inputs; }
+
 bool AVAssetWriter::startWriting() {
+    auto& core = *impl_->core;
     {
-        std::lock_guard lock(core_->mutex);
-        if (core_->status != AVAssetWriterStatus::unknown) throw std::logic_error("startWriting called twice");
+        std::lock_guard lock(core.mutex);
+        if (core.status != AVAssetWriterStatus::unknown) throw std::logic_error("startWriting called twice");
     }
-    core_->segmentInterval = std::max(0.1, segmentInterval_.seconds());
+    // Without a preferred interval, a segment writer cuts every six seconds.
+    const double interval = impl_->segmentInterval.isNumeric() ? impl_->segmentInterval.seconds() : 6.0;
+    core.segmentInterval = std::max(0.1, interval);
     try {
-        core_->open(outputURL_, fileType_, inputs_);
+        core.open(outputPath_, fileType_.value_or(AVFileType::mov), impl_->inputs);
     } catch (...) {
-        core_->setError(std::current_exception());
+        fail(std::current_exception());
         return false;
     }
     {
-        std::lock_guard lock(core_->mutex);
-        core_->status = AVAssetWriterStatus::writing;
+        std::lock_guard lock(core.mutex);
+        core.status = AVAssetWriterStatus::writing;
     }
-    core_->thread = std::thread([core = core_.get()] { core->run(); });
+    observers_.notify("status");
+    core.thread = std::thread([c = &core] { c->run(); });
     return true;
 }
 
-void AVAssetWriter::startSession(CMTime sourceTime) {
-    std::lock_guard lock(core_->mutex);
-    if (!core_->sessionStart) core_->sessionStart = sourceTime;
+void AVAssetWriter::fail(std::exception_ptr error) { impl_->core->setError(std::move(error)); }
+
+void AVAssetWriter::startSession(const CMTime& sourceTime) {
+    std::lock_guard lock(impl_->core->mutex);
+    if (impl_->core->status != AVAssetWriterStatus::writing || impl_->core->sessionStart)
+        throw std::logic_error("startSession needs a writing writer without a session");
+    impl_->core->sessionStart = sourceTime;
 }
 
-void AVAssetWriter::endSession(CMTime sourceTime) {
-    std::lock_guard lock(core_->mutex);
-    if (!core_->sessionStart) throw std::logic_error("endSession called without a session");
-    core_->sessionEnd = sourceTime;
+void AVAssetWriter::endSession(const CMTime& sourceTime) {
+    std::lock_guard lock(impl_->core->mutex);
+    if (!impl_->core->sessionStart) throw std::logic_error("endSession called without a session");
+    impl_->core->sessionEnd = sourceTime;
 }
 
-void AVAssetWriter::finishWriting(std::function<void()> completionHandler) {
+void AVAssetWriter::finishWriting(std::function<void()> completion) {
+    auto& core = *impl_->core;
     {
-        std::lock_guard lock(core_->mutex);
-        if (core_->status != AVAssetWriterStatus::writing && core_->status != AVAssetWriterStatus::failed)
-            throw std::logic_error("finishWriting called on a writer that isn't writing");
-        if (core_->status == AVAssetWriterStatus::failed || !core_->thread.joinable()) {
-            // Nothing more will be written; the handler still runs.
-            if (completionHandler) completionHandler();
+        std::lock_guard lock(core.mutex);
+        if (core.status == AVAssetWriterStatus::unknown)
+            throw std::logic_error("finishWriting called on a writer that never started");
+        if (core.status != AVAssetWriterStatus::writing || !core.thread.joinable()) {
+            // Nothing more will be written; the completion still runs.
+            if (completion) std::thread(std::move(completion)).detach();
             return;
         }
-        for (auto& input : inputs_) {
-            if (input->finished_.exchange(true)) continue;
+        for (auto& input : impl_->inputs) {
+            if (input->impl_->finished.exchange(true)) continue;
             AVAssetWriterCore::Job job;
             job.kind = AVAssetWriterCore::Job::Kind::finishInput;
-            job.input = input->index_;
-            core_->jobs.push_back(std::move(job));
+            job.input = input->impl_->index;
+            core.jobs.push_back(std::move(job));
         }
         AVAssetWriterCore::Job job;
         job.kind = AVAssetWriterCore::Job::Kind::finishWriting;
-        job.completion = std::move(completionHandler);
-        core_->jobs.push_back(std::move(job));
+        job.completion = std::move(completion);
+        core.jobs.push_back(std::move(job));
     }
-    core_->cv.notify_all();
+    core.cv.notify_all();
 }
 
 void AVAssetWriter::cancelWriting() {
     {
-        std::lock_guard lock(core_->mutex);
-        core_->jobs.clear();
-        core_->status = AVAssetWriterStatus::cancelled;
+        std::lock_guard lock(impl_->core->mutex);
+        impl_->core->jobs.clear();
+        impl_->core->status = AVAssetWriterStatus::cancelled;
     }
-    core_->cv.notify_all();
+    impl_->core->cv.notify_all();
+    impl_->core->roomCv.notify_all();
+    observers_.notify("status");
 }
 
 AVAssetWriterStatus AVAssetWriter::status() const {
-    std::lock_guard lock(core_->mutex);
-    return core_->status;
+    std::lock_guard lock(impl_->core->mutex);
+    return impl_->core->status;
 }
 
 std::exception_ptr AVAssetWriter::error() const {
-    std::lock_guard lock(core_->mutex);
-    return core_->error;
-}
-
-void AVAssetWriter::observeError(std::function<void(std::exception_ptr)> observer) {
-    std::exception_ptr already;
-    {
-        std::lock_guard lock(core_->mutex);
-        already = core_->error;
-        if (!already) core_->errorObservers.push_back(std::move(observer));
-    }
-    if (already) observer(already);
+    std::lock_guard lock(impl_->core->mutex);
+    return impl_->core->error;
 }
 
 namespace {
 
-// A raised exception of the platform becomes an error named after it.
-PlatformError exceptionError(const std::exception& e) {
-    return PlatformError(demangledTypeName(e), 0, e.what());
+// A raised exception becomes an error named after its type.
+template <class F>
+auto guarded(F&& f) {
+    try {
+        return f();
+    } catch (const PlatformError&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw PlatformError(demangledTypeName(e), 0, e.what());
+    }
 }
 
 }  // namespace
 
 bool AVAssetWriter::safe_startWriting() {
-    try {
-        return startWriting();
-    } catch (const std::logic_error& e) {
-        throw exceptionError(e);
-    }
+    return guarded([&] { return startWriting(); });
 }
 
-void AVAssetWriter::safe_endSession(CMTime sourceTime) {
-    try {
-        endSession(sourceTime);
-    } catch (const std::logic_error& e) {
-        throw exceptionError(e);
-    }
+void AVAssetWriter::safe_endSession(const CMTime& sourceTime) {
+    guarded([&] { endSession(sourceTime); });
 }
 
 void AVAssetWriter::safe_finishWriting() {
-    std::mutex doneMutex;
-    std::condition_variable doneCv;
-    bool done = false;
-    try {
+    guarded([&] {
+        std::mutex m;
+        std::condition_variable cv;
+        bool done = false;
         finishWriting([&] {
-            std::lock_guard lock(doneMutex);
+            std::lock_guard lock(m);
             done = true;
-            doneCv.notify_all();
+            cv.notify_all();
         });
-    } catch (const std::logic_error& e) {
-        throw exceptionError(e);
-    }
-    std::unique_lock lock(doneMutex);
-    doneCv.wait(lock, [&] { return done; });
-    if (auto e = error()) std::rethrow_exception(e);
+        std::unique_lock lock(m);
+        cv.wait(lock, [&] { return done; });
+    });
 }
 
 }  // namespace ov::platform

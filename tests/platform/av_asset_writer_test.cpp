@@ -104,8 +104,8 @@ TEST(AVAssetWriterFile, AudioFileHoldsEverySampleOfEverySampleType) {
                           Case{AVAudioCommonFormat::pcmFormatInt32, false, 1}}) {
         TempDirectory dir;
         const auto url = dir / "microphone.m4a";
-        auto writer = std::make_shared<AVAssetWriter>(url, AVFileType::appleM4A);
-        auto input = std::make_shared<AVAssetWriterInput>(AVMediaType::audio, aacSettings(48000, c.channels));
+        auto writer = AVAssetWriter::make((url).string(), AVFileType::m4a);
+        auto input = AVAssetWriterInput::make(AVMediaType::audio, aacSettings(48000, c.channels));
         ASSERT_TRUE(writer->canAdd(input));
         writer->add(input);
         ASSERT_TRUE(writer->startWriting());
@@ -138,10 +138,10 @@ TEST(AVAssetWriterFile, AudioFileHoldsEverySampleOfEverySampleType) {
 TEST(AVAssetWriterFile, MovieWithVideoAndAudioStartsTogetherWithColourTags) {
     TempDirectory dir;
     const auto url = dir / "webcam.mov";
-    auto writer = std::make_shared<AVAssetWriter>(url, AVFileType::quickTimeMovie);
-    auto video = std::make_shared<AVAssetWriterInput>(
+    auto writer = AVAssetWriter::make((url).string(), AVFileType::mov);
+    auto video = AVAssetWriterInput::make(
         AVMediaType::video, videoSettings(AVVideoCodecTypeH264, 320, 240, AVVideoColorPrimaries_ITU_R_709_2));
-    auto audio = std::make_shared<AVAssetWriterInput>(AVMediaType::audio, aacSettings(48000, 1));
+    auto audio = AVAssetWriterInput::make(AVMediaType::audio, aacSettings(48000, 1));
     writer->add(video);
     writer->add(audio);
     ASSERT_TRUE(writer->startWriting());
@@ -177,8 +177,8 @@ TEST(AVAssetWriterFile, MovieWithVideoAndAudioStartsTogetherWithColourTags) {
 TEST(AVAssetWriterFile, HevcForDisplayP3IsTaggedAndTenBit) {
     TempDirectory dir;
     const auto url = dir / "screen.mp4";
-    auto writer = std::make_shared<AVAssetWriter>(url, AVFileType::mpeg4);
-    auto video = std::make_shared<AVAssetWriterInput>(
+    auto writer = AVAssetWriter::make((url).string(), AVFileType::mp4);
+    auto video = AVAssetWriterInput::make(
         AVMediaType::video, videoSettings(AVVideoCodecTypeHEVC, 256, 144, AVVideoColorPrimaries_P3_D65));
     writer->add(video);
     ASSERT_TRUE(writer->startWriting());
@@ -199,21 +199,29 @@ TEST(AVAssetWriterFile, HevcForDisplayP3IsTaggedAndTenBit) {
 TEST(AVAssetWriterFile, AnExistingFileFailsStartWritingWithAnError) {
     TempDirectory dir;
     testing::writeFile(dir / "taken.m4a", "x");
-    auto writer = std::make_shared<AVAssetWriter>(dir / "taken.m4a", AVFileType::appleM4A);
-    writer->add(std::make_shared<AVAssetWriterInput>(AVMediaType::audio, aacSettings(48000, 1)));
+    EXPECT_THROW(AVAssetWriter::make((dir / "taken.m4a").string(), AVFileType::m4a), PlatformError);
+    EXPECT_EQ(testing::readFile(dir / "taken.m4a"), "x");
+    // A file that appears between making and starting fails startWriting with an error.
+    auto writer = AVAssetWriter::make((dir / "late.m4a").string(), AVFileType::m4a);
+    writer->add(AVAssetWriterInput::make(AVMediaType::audio, aacSettings(48000, 1)));
+    testing::writeFile(dir / "late.m4a", "y");
+    std::vector<std::string> changes;
+    auto observation = writer->observe({"error"}, [&](const std::string& key) { changes.push_back(key); });
     EXPECT_FALSE(writer->safe_startWriting());
     EXPECT_TRUE(writer->error());
+    EXPECT_EQ(changes, std::vector<std::string>{"error"});
     EXPECT_EQ(writer->status(), AVAssetWriterStatus::failed);
-    EXPECT_EQ(testing::readFile(dir / "taken.m4a"), "x");
+    EXPECT_EQ(testing::readFile(dir / "late.m4a"), "y");
     // Raised misuse turns into an error in the safe forms.
     EXPECT_THROW(writer->safe_startWriting(), PlatformError);
 }
 
 TEST(AVAssetWriterFile, ASlowEncoderShowsAsNotReady) {
     TempDirectory dir;
-    auto writer = std::make_shared<AVAssetWriter>(dir / "big.mov", AVFileType::quickTimeMovie);
-    auto video = std::make_shared<AVAssetWriterInput>(
+    auto writer = AVAssetWriter::make((dir / "big.mov").string(), AVFileType::mov);
+    auto video = AVAssetWriterInput::make(
         AVMediaType::video, videoSettings(AVVideoCodecTypeH264, 1920, 1080, AVVideoColorPrimaries_ITU_R_709_2));
+    video->setExpectsMediaDataInRealTime(true);
     writer->add(video);
     ASSERT_TRUE(writer->startWriting());
     writer->startSession(CMTime(0, 1));
@@ -227,19 +235,18 @@ TEST(AVAssetWriterFile, ASlowEncoderShowsAsNotReady) {
         else
             ++refused;
     }
-    EXPECT_LE(taken, int(AVAssetWriter::videoQueueLimit) + 40 - refused);
     EXPECT_GT(refused, 0) << "40 full-HD frames at once must outrun the encoder's queue";
     writer->safe_finishWriting();
 }
 
 struct SegmentCollector : AVAssetWriterDelegate {
     std::mutex mutex;
-    std::vector<std::pair<AVAssetSegmentType, AVSegmentData>> segments;
+    std::vector<std::pair<AVAssetSegmentType, std::vector<uint8_t>>> segments;
     std::vector<AVAssetSegmentReport> reports;
-    void assetWriterDidOutputSegmentData(AVAssetWriter&, AVSegmentData data, AVAssetSegmentType type,
-                                         const AVAssetSegmentReport* report) override {
+    void didOutputSegmentData(AVAssetWriter&, std::shared_ptr<const std::vector<uint8_t>> data,
+                              AVAssetSegmentType type, const AVAssetSegmentReport* report) override {
         std::lock_guard lock(mutex);
-        segments.emplace_back(type, std::move(data));
+        segments.emplace_back(type, *data);
         if (report) reports.push_back(*report);
     }
 };
@@ -247,15 +254,15 @@ struct SegmentCollector : AVAssetWriterDelegate {
 TEST(AVAssetWriterSegments, InitThenMediaSegmentsOnTheIntervalThatConcatenateToTheStream) {
     for (bool isVideo : {false, true}) {
         TempDirectory dir;
-        auto writer = std::make_shared<AVAssetWriter>(AVContentType::mpeg4Movie);
+        auto writer = AVAssetWriter::make(UTType::mpeg4Movie);
         writer->setOutputFileTypeProfile(AVFileTypeProfile::mpeg4AppleHLS);
         writer->setPreferredOutputSegmentInterval(CMTime(1, 1));
         auto collector = std::make_shared<SegmentCollector>();
-        writer->setDelegate(collector);
-        auto input = isVideo ? std::make_shared<AVAssetWriterInput>(
+        writer->setDelegate(std::weak_ptr<AVAssetWriterDelegate>(collector));
+        auto input = isVideo ? AVAssetWriterInput::make(
                                    AVMediaType::video,
                                    videoSettings(AVVideoCodecTypeH264, 160, 120, AVVideoColorPrimaries_ITU_R_709_2))
-                             : std::make_shared<AVAssetWriterInput>(AVMediaType::audio, aacSettings(48000, 2));
+                             : AVAssetWriterInput::make(AVMediaType::audio, aacSettings(48000, 2));
         writer->add(input);
         ASSERT_TRUE(writer->startWriting());
         writer->startSession(CMTime(0, 1));
