@@ -34,6 +34,20 @@ constexpr std::size_t audioQueueLimit = 64;
 
 std::string errorDomainName() { return "Orvane.AVAssetWriter"; }
 
+const AVSettingsDictionary& compressionOf(const AVSettingsDictionary& settings) {
+    static const AVSettingsDictionary none = AVSettingsDictionary::object();
+    if (settings.is_object() && settings.contains(AVVideoCompressionPropertiesKey) &&
+        settings[AVVideoCompressionPropertiesKey].is_object())
+        return settings[AVVideoCompressionPropertiesKey];
+    return none;
+}
+
+// FFmpeg's own chatter goes nowhere; failures reach callers as errors.
+void quietLibraries() {
+    static std::once_flag once;
+    std::call_once(once, [] { av_log_set_level(AV_LOG_ERROR); });
+}
+
 std::string avErrorText(int code) {
     char text[AV_ERROR_MAX_STRING_SIZE] = {};
     av_strerror(code, text, sizeof text);
@@ -267,6 +281,7 @@ struct AVAssetWriterCore {
 
     void open(const std::string& url, AVFileType fileType,
               const std::vector<std::shared_ptr<AVAssetWriterInput>>& inputs) {
+        quietLibraries();
         const char* muxer = segmented ? "mp4"
                             : fileType == AVFileType::mp4 ? "mp4"
                             : fileType == AVFileType::m4a ? "ipod"
@@ -294,6 +309,8 @@ struct AVAssetWriterCore {
             av_dict_set(&options, "movflags", "+delay_moov+default_base_moof+write_colr", 0);
             av_dict_set(&options, "frag_duration", "1000000", 0);
             check(avio_open(&format->pb, url.c_str(), AVIO_FLAG_WRITE), "Can't create the output file");
+            // Each finished fragment goes to the file at once, not when a buffer fills.
+            format->flush_packets = 1;
         }
         const int r = avformat_write_header(format, &options);
         av_dict_free(&options);
@@ -343,6 +360,10 @@ struct AVAssetWriterCore {
             enc->width &= ~1;
             enc->height &= ~1;
             enc->time_base = AVRational{1, 90000};
+            // Only the encoder's level choice uses the rate; frames carry their own times.
+            const int expectedRate = std::max(1, int(std::lround(setting<double>(
+                compressionOf(settings), AVVideoExpectedSourceFrameRateKey, 30.0))));
+            enc->framerate = AVRational{expectedRate, 1};
             enc->pix_fmt = hevc && p3 ? AV_PIX_FMT_YUV420P10LE : AV_PIX_FMT_YUV420P;
             enc->color_primaries = p3 ? AVCOL_PRI_SMPTE432 : AVCOL_PRI_BT709;
             enc->color_trc = AVCOL_TRC_BT709;

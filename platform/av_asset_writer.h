@@ -64,6 +64,7 @@ inline constexpr const char* AVVideoAllowFrameReorderingKey = "AllowFrameReorder
 inline constexpr const char* AVVideoMaxKeyFrameIntervalDurationKey = "MaxKeyFrameIntervalDuration";
 // Frames between key frames, at most.
 inline constexpr const char* AVVideoMaxKeyFrameIntervalKey = "MaxKeyFrameInterval";
+inline constexpr const char* AVVideoExpectedSourceFrameRateKey = "ExpectedFrameRate";
 
 enum class AVFileType { mov, mp4, m4a };
 inline constexpr AVFileType AVFileTypeQuickTimeMovie = AVFileType::mov;
