@@ -282,6 +282,9 @@ struct AVAssetWriterCore {
     void open(const std::string& url, AVFileType fileType,
               const std::vector<std::shared_ptr<AVAssetWriterInput>>& inputs) {
         quietLibraries();
+        // A writer nobody gave an input (the video half of an audio-only
+        // segmented recording) produces nothing, and that is no failure.
+        if (inputs.empty()) return;
         const char* muxer = segmented ? "mp4"
                             : fileType == AVFileType::mp4 ? "mp4"
                             : fileType == AVFileType::m4a ? "ipod"

@@ -50,6 +50,9 @@ struct SegmentFixture {
                                 },
                                 2.5, log.loggerFor("SegmentedAssetWriter")};
     SegmentedAssetWriterDelegate& delegate = *writer.segmentedAssetWriterDelegate();
+    // Callbacks still queued would run during the queue's destruction, after
+    // the members they write to are gone.
+    ~SegmentFixture() { callbackQueue->sync([] {}); }
 
     std::vector<fs::path> announcements() {
         callbackQueue->sync([] {});
