@@ -59,6 +59,9 @@ void SCStream::startCapture() {
         if (capturing_)
             throw SCStreamError(SCStreamError::attemptToStartStreamState, "The stream is already capturing.");
         generation = ++generation_;
+        // Capturing from before the producer starts: a source that fails at
+        // once reports while we are still here, and that report must count.
+        capturing_ = true;
     }
     std::weak_ptr<SCStream> weakSelf = weak_from_this();
     ScreenCaptureSink sink;
@@ -68,10 +71,23 @@ void SCStream::startCapture() {
     sink.failed = [weakSelf, generation](std::exception_ptr error) {
         if (auto self = weakSelf.lock()) self->stoppedByItself(generation, error);
     };
-    auto producer = CapturePlatform::shared()->startScreenCapture(filter, configuration, std::move(sink));
-    std::lock_guard lock(mutex_);
-    producer_ = std::move(producer);
-    capturing_ = true;
+    std::shared_ptr<ScreenCaptureProducer> producer;
+    try {
+        producer = CapturePlatform::shared()->startScreenCapture(filter, configuration, std::move(sink));
+    } catch (...) {
+        std::lock_guard lock(mutex_);
+        if (generation_ == generation) capturing_ = false;
+        throw;
+    }
+    bool stoppedAlready;
+    {
+        std::lock_guard lock(mutex_);
+        stoppedAlready = !capturing_ || generation_ != generation;
+        if (!stoppedAlready) producer_ = producer;
+    }
+    // It stopped by itself before we kept it: stop (and join) it where the
+    // other stops happen.
+    if (stoppedAlready && producer) delegateQueue().async([producer] { producer->stop(); });
 }
 
 void SCStream::stopCapture() {
