@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "timing/audio_sample_cutting.h"
+
 namespace ov {
 
 using platform::CMSampleBuffer;
@@ -87,6 +89,22 @@ void RecordingTimelineBoundedAudioStream::emit(std::vector<CMSampleBuffer> sampl
     for (const auto& sample : samples) {
         const CMTime pts = sample.presentationTimeStamp();
         CMSampleBuffer moved = sample.withTime(pts - offset(pts));
+        if (nextOutputTime_ && moved.presentationTimeStamp() < *nextOutputTime_) {
+            // The interval before reached past its end: its audio was emitted
+            // before the pause was known (capture stamps run a little ahead of
+            // the clock that pauses). Trim as much off this interval's head, so
+            // that the output neither overlaps nor loses its exact length.
+            const double rate = sample.formatDescription()->audioStreamBasicDescription()->mSampleRate;
+            const int64_t overlap = framesForTime(*nextOutputTime_ - moved.presentationTimeStamp(), rate);
+            logger_.debug("Trimming audio that overlaps the previous output.", [&] {
+                return LogMetadata{{"nextOutputTime", nextOutputTime_->logDescription()},
+                                   {"overlapFrames", std::to_string(overlap)}};
+            });
+            auto rest = extractingFrames(moved, overlap, moved.numSamples() - overlap);
+            if (!rest) continue;
+            moved = rest->withTime(*nextOutputTime_);
+        }
+        nextOutputTime_ = moved.presentationTimeStamp() + moved.duration();
         if (!handler) throw RecordingIntervalBoundedAudioStreamError::handlerNotSet();
         Position position = didEmitFirst_ ? Position::subsequent : Position::first;
         didEmitFirst_ = true;

@@ -7,7 +7,9 @@
 // Output times are whole frames: each interval bound is taken at its nearest
 // frame and the pauses are summed in frames, so the intervals' outputs meet
 // without a gap or an overlap and a stream gives exactly
-// Σ (round(until × rate) − round(from × rate)) frames.
+// Σ (round(until × rate) − round(from × rate)) frames. Audio that an interval
+// emitted past its end before the pause was known is made up for by trimming
+// the next interval's head by as much.
 //
 // One mutex serialises append and finish; the handler runs under it.
 
@@ -59,6 +61,8 @@ private:
     Wrapper current_;
     std::optional<platform::CMSampleBuffer> lastAppended_;
     bool didEmitFirst_ = false;
+    // Where the output so far ends.
+    std::optional<platform::CMTime> nextOutputTime_;
 };
 
 }  // namespace ov

@@ -232,5 +232,61 @@ TEST(IntervalAudioFailures, IntervalShorterThanOneTick) {
     }
 }
 
+// An hour of 48 kHz audio in buffers of 10 to 50 ms whose stamps jitter by up to a
+// millisecond, across many pauses and resumes, each taken when the last buffer
+// has been delivered (bounds on whole samples): the
+// output has exactly duration × rate samples, each following the one before,
+// and every captured sample inside an interval appears once.
+TEST(TimelineAudioProperty, HoursOfJitteredAudioComeOutExactToTheSample) {
+    const int rate = 48000;
+    std::mt19937 rng(11);
+    auto live = std::make_shared<VolatileRecordingTimeline>();
+    LogCapture logs;
+    RecordingTimelineBoundedAudioStream stream(StableRecordingTimeline(live), 3, logs.loggerFor("Test"));
+    int64_t outFrames = 0;
+    int64_t expectedNextStart = 0;
+    bool gapOrOverlap = false;
+    int firstCount = 0;
+    stream.handler = [&](APos p, const CMSampleBuffer& s) {
+        if (p == APos::first) ++firstCount;
+        CMTime pts = s.presentationTimeStamp();
+        if (pts.timescale != rate || pts.value != expectedNextStart) gapOrOverlap = true;
+        expectedNextStart = pts.value + s.numSamples();
+        outFrames += s.numSamples();
+    };
+
+    std::uniform_int_distribution<int> bufferFrames(480, 2400), jitter(-48, 48);
+    std::uniform_int_distribution<int64_t> stateFrames(rate / 4, 40LL * rate);
+    int64_t position = 1000LL * rate;  // host time in samples
+    const int64_t end = position + 3600LL * rate;
+    int64_t nextChange = position + rate / 3;
+    bool recording = false;
+    // Buffers are handed over as a capture callback would: rarely allocated,
+    // so the run is dominated by the stream's own work.
+    std::vector<CMSampleBuffer> templates;
+    for (int n = 480; n <= 2400; ++n) templates.push_back(ramp(0, n, CMTime(0, rate), rate));
+    while (position < end) {
+        int n = bufferFrames(rng);
+        while (position >= nextChange) {
+            // The conductor acts now, after the last delivery.
+            double at = static_cast<double>(position) / rate;
+            if (recording) live->pause(at);
+            else live->start(at);
+            recording = !recording;
+            nextChange += stateFrames(rng);
+        }
+        stream.append(templates[n - 480].withTime(CMTime(position + jitter(rng), rate)));
+        position += n;
+    }
+    live->stop(static_cast<double>(position + rate / 10) / rate);
+    stream.finish();
+
+    StableRecordingTimeline stable(live);
+    ASSERT_GT(stable.recordingIntervals.size(), 50u);
+    EXPECT_EQ(outFrames, std::llround(stable.duration() * rate));
+    EXPECT_FALSE(gapOrOverlap);
+    EXPECT_EQ(firstCount, 1);
+}
+
 }  // namespace
 }  // namespace ov::testing
