@@ -1,5 +1,7 @@
 #include "session/recorder_assembly.h"
 
+#include "audio/microphone_recorders.h"
+
 #include "session/ov_error.h"
 #include "session/short_id.h"
 
@@ -91,9 +93,15 @@ std::vector<std::shared_ptr<Recorder>> createRecorders(const InternalSchemaItem&
         if (!custom->makeRecorders) return {};
         return custom->makeRecorders(context.bundleURL, context.logger, context.onAbort);
     }
-    if (const auto* mic = std::get_if<MicrophoneFileSchemaItem>(&item)) requireNoEchoCancellation(mic->echoCancellation);
-    if (const auto* mic = std::get_if<MicrophoneStreamSchemaItem>(&item))
+    if (const auto* mic = std::get_if<MicrophoneFileSchemaItem>(&item)) {
         requireNoEchoCancellation(mic->echoCancellation);
+        return makeMicrophoneRecorders(
+            *mic, outputDescription(mic->outputOptions, context.bundleURL, fallbackFilename(item)), context);
+    }
+    if (const auto* mic = std::get_if<MicrophoneStreamSchemaItem>(&item)) {
+        requireNoEchoCancellation(mic->echoCancellation);
+        return makeMicrophoneRecorders(*mic, context);
+    }
 
     // Capture kinds arrive with their recorders; until then each fails at prepare.
     const std::string id = std::visit([](const auto& i) { return i.id; }, item);
