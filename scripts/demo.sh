@@ -29,7 +29,9 @@ def call(message, show=True):
 for action in ["getDisplays", "getMicrophones", "getCameras"]:
     params = {"params": {"includeDeskView": False}} if action == "getCameras" else {}
     call({"procedure": "perform", "type": "Recorder", "action": action, **params})
-items = []
+# The synthetic world's microphone, recorded to a file; ORVANE_DEMO_ITEMS
+# replaces the items with a JSON array of the host's own.
+items = [{"type": "microphone", "microphone": "synthetic-microphone", "filename": "microphone.m4a"}]
 if os.environ.get("ORVANE_DEMO_ITEMS"):
     items = json.loads(os.environ["ORVANE_DEMO_ITEMS"])
 call({"procedure": "init", "type": "Recorder", "target": "recorder-1",
@@ -50,4 +52,8 @@ for name in sorted(os.listdir(bundle)):
     print("  ", name, os.path.getsize(os.path.join(bundle, name)), "bytes")
 print("orvane.json:")
 print(open(os.path.join(bundle, "orvane.json")).read())
+for entry in json.load(open(os.path.join(bundle, "orvane.json")))["files"]:
+    probe = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=codec_name,sample_rate,channels:format=duration",
+                            "-of", "compact", os.path.join(bundle, entry["filename"])], capture_output=True, text=True)
+    print(entry["filename"] + ":", probe.stdout.strip().replace("\n", "; "))
 PY
