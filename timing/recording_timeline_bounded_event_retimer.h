@@ -18,11 +18,11 @@ template <class Item>
 class RecordingTimelineBoundedEventRetimer {
 public:
     struct Discontinuation {
-        double seconds;
+        double seconds = 0;
     };
     struct Retimed {
         Item item;
-        double seconds;
+        double seconds = 0;
     };
     using ItemOrDiscontinuation = std::variant<Retimed, Discontinuation>;
 
@@ -38,7 +38,7 @@ public:
         std::vector<ItemOrDiscontinuation> out;
         if (lastIntervalIndex_ && *lastIntervalIndex_ != converted->interval.index) {
             if (auto start = timeline_.convert(converted->interval.recordFrom)) {
-                out.push_back(Discontinuation{start->seconds});
+                out.emplace_back(std::in_place_type<Discontinuation>, Discontinuation{start->seconds});
             } else {
                 logger_.warning("Could not convert recordFrom to TimeInterval", [&] {
                     return LogMetadata{{"timeline", timeline_.debugDescription()},
@@ -49,7 +49,7 @@ public:
             }
         }
         lastIntervalIndex_ = converted->interval.index;
-        out.push_back(Retimed{std::move(item), converted->seconds});
+        out.emplace_back(std::in_place_type<Retimed>, Retimed{std::move(item), converted->seconds});
         return out;
     }
 
