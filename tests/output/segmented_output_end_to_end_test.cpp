@@ -113,9 +113,7 @@ platform::CMSampleBuffer toneChunk(const platform::AVAudioFormat& format, int64_
     return platform::CMSampleBuffer::makeAudio(*buffer, CMTime(firstFrame, int32_t(kSampleRate)));
 }
 
-// Disabled until the asset writer's FFmpeg body lands: the writer it builds
-// against still encodes nothing and hands out no segment.
-TEST(SegmentedOutputEndToEndTest, DISABLED_ARecordingReadsBackWholeThroughItsMasterPlaylist) {
+TEST(SegmentedOutputEndToEndTest, ARecordingReadsBackWholeThroughItsMasterPlaylist) {
     TempDirectory dir;
     LogCapture log;
     std::mutex mutex;
