@@ -370,10 +370,12 @@ std::vector<OVBundleInfo::FileAsset> AudioFileRecorder::fileAssets() const {
 
 std::vector<OVBundleInfo::FileAsset> AudioFileRecorder::prepare() {
     logger_.info("Preparing.");
-    // The writer opens its file now, so that a bad path fails before capture starts.
-    outputAssetWriters_->startWriting();
     coordinator_->captureSession->startRunning();
     waitForAudioSampleBuffers(*coordinator_, microphoneID_, logger_);
+    // The file is opened once the microphone is known to deliver, so that a
+    // failed prepare leaves no empty file in the bundle. Nothing is written
+    // before the timeline opens its first interval.
+    outputAssetWriters_->startWriting();
     logger_.info("Prepared.");
     return fileAssets();
 }

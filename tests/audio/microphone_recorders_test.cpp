@@ -119,6 +119,7 @@ TEST(AudioFileRecorderTest, AMicrophoneThatNeverDeliversFailsPrepareWithNoAudioS
     } catch (const OVError& e) {
         EXPECT_EQ(e.code(), OVError::Code::noAudioSamplesReceived);
     }
+    EXPECT_FALSE(std::filesystem::exists(dir / "z.m4a")) << "a failed prepare leaves no file behind";
 }
 
 TEST(AudioFileRecorderTest, APausedRecordingHoldsOnlyTheRecordedIntervals) {
