@@ -1,5 +1,7 @@
 #include "platform/capture_platform.h"
 
+#include "platform/pulse/pulse_capture_platform.h"
+
 #include <cstdlib>
 #include <thread>
 
@@ -72,7 +74,7 @@ PlatformError CapturePlatform::notAvailableError(const std::string& what, const 
 std::shared_ptr<CapturePlatform> CapturePlatform::makeFromEnvironment() {
     const char* chosen = std::getenv("ORVANE_PLATFORM");
     const std::string name = chosen && *chosen ? chosen : "linux";
-    if (name == "linux") return std::make_shared<UnavailableCapturePlatform>("linux");
+    if (name == "linux") return std::make_shared<LinuxCapturePlatform>();
     if (name == "synthetic") {
         const char* worldPath = std::getenv("ORVANE_SYNTHETIC_WORLD");
         SyntheticWorld world = worldPath && *worldPath ? SyntheticWorld::load(worldPath) : SyntheticWorld::makeDefault();

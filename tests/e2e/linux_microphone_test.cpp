@@ -1,0 +1,89 @@
+// The linux backend over the protocol: a private sound server's microphone is
+// listed and recorded to a file.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <fcntl.h>
+#include <thread>
+#include <unistd.h>
+
+#include "e2e/rpc_fixture.h"
+#include "support/pulse_daemon.h"
+#include "support/temp_directory.h"
+
+namespace ov::testing {
+namespace {
+
+using nlohmann::json;
+
+TEST(LinuxMicrophoneOverRpc, ListsAndRecordsTheServersMicrophone) {
+    PulseDaemon daemon;
+    std::atomic<bool> feeding{true};
+    std::thread feeder([&] {
+        const int fd = ::open(daemon.fifo().c_str(), O_WRONLY);
+        std::vector<float> chunk(size_t(daemon.rate() / 100));
+        int64_t n = 0;
+        const auto begin = std::chrono::steady_clock::now();
+        for (int64_t k = 0; feeding; ++k) {
+            for (auto& s : chunk) s = float(0.3 * std::sin(2 * M_PI * 440 * double(n++) / daemon.rate()));
+            if (::write(fd, chunk.data(), chunk.size() * sizeof(float)) < 0) break;
+            std::this_thread::sleep_until(begin + std::chrono::milliseconds(10 * (k + 1)));
+        }
+        ::close(fd);
+    });
+    TempDirectory temp;
+    {
+        auto rpc = startRpc({}, {{"ORVANE_PLATFORM", "linux"}, {"PULSE_SERVER", "unix:" + daemon.socket().string()}});
+        auto call = [&](json message) {
+            rpc->writeJSON(message);
+            return rpc->readJSON().value_or(json());
+        };
+        auto r = call(request("1", "perform", {{"type", "Recorder"}, {"action", "getMicrophones"}}));
+        ASSERT_EQ(r["status"], 200) << r.dump();
+        bool found = false;
+        for (const auto& mic : r["result"])
+            if (mic["id"] == PulseDaemon::microphone) {
+                found = true;
+                EXPECT_EQ(mic["name"], PulseDaemon::microphoneDescription);
+                EXPECT_EQ(mic["availability"], "available");
+            }
+        EXPECT_TRUE(found) << r.dump();
+
+        const auto bundle = temp / "linux.orvane";
+        r = call(request("2", "init",
+                         {{"type", "Recorder"},
+                          {"target", "rec"},
+                          {"params",
+                           {{"schema",
+                             {{"output_directory", bundle.string()},
+                              {"items", json::array({{{"type", "microphone"},
+                                                      {"microphone", PulseDaemon::microphone},
+                                                      {"filename", "mic.m4a"}}})}}},
+                            {"onAbortInstance", "abort"}}}}));
+        ASSERT_EQ(r["status"], 200) << r.dump();
+        r = call(request("3", "perform", {{"target", "rec"}, {"action", "prepare"}}));
+        ASSERT_EQ(r["status"], 200) << r.dump() << rpc->stderrText();
+        call(request("4", "perform", {{"target", "rec"}, {"action", "start"}}));
+        std::this_thread::sleep_for(std::chrono::seconds(2));
+        r = call(request("5", "perform", {{"target", "rec"}, {"action", "stop"}}));
+        ASSERT_EQ(r["status"], 200) << r.dump();
+        const double timeline = r["result"]["info"]["duration"].get<double>();
+
+        FILE* pipe = popen(("ffprobe -v error -show_format -show_streams -of json '" + (bundle / "mic.m4a").string() + "'").c_str(), "r");
+        std::string out;
+        char buffer[4096];
+        while (pipe && fgets(buffer, sizeof buffer, pipe)) out += buffer;
+        if (pipe) pclose(pipe);
+        auto info = json::parse(out);
+        ASSERT_EQ(info["streams"].size(), 1u) << out;
+        const double start = std::stod(info["streams"][0]["start_time"].get<std::string>());
+        const double played = std::stod(info["format"]["duration"].get<std::string>()) + std::min(0.0, start);
+        EXPECT_NEAR(played, timeline, 1024.0 / daemon.rate()) << out;
+    }
+    feeding = false;
+    feeder.join();
+}
+
+}  // namespace
+}  // namespace ov::testing
