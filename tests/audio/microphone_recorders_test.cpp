@@ -13,6 +13,7 @@
 #include "platform/synthetic/synthetic_capture_platform.h"
 #include "session/ov_error.h"
 #include "support/log_capture.h"
+#include "support/media_probe.h"
 #include "support/temp_directory.h"
 #include "timing/volatile_recording_timeline.h"
 
@@ -139,19 +140,12 @@ TEST(AudioFileRecorderTest, APausedRecordingHoldsOnlyTheRecordedIntervals) {
     recorder->finish();
     const double recorded = StableRecordingTimeline(timeline.live).duration();
 
-    FILE* pipe = popen(("ffprobe -v error -show_format -show_streams -of json '" + (dir / "paused.m4a").string() + "'").c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    while (pipe && fgets(buffer, sizeof buffer, pipe)) out += buffer;
-    if (pipe) pclose(pipe);
-    auto info = nlohmann::json::parse(out);
-    ASSERT_EQ(info["streams"].size(), 1u) << out;
+    auto info = testing::probeMedia(dir / "paused.m4a");
+    ASSERT_EQ(info["streams"].size(), 1u) << info.dump();
     EXPECT_EQ(info["streams"][0]["channels"], 2);
     EXPECT_EQ(info["streams"][0]["sample_rate"], "44100");
-    const double start = std::stod(info["streams"][0]["start_time"].get<std::string>());
-    const double played = std::stod(info["format"]["duration"].get<std::string>()) + std::min(0.0, start);
     // The pause's 0.6 s are not in the file.
-    EXPECT_NEAR(played, recorded, 1024.0 / 44100) << out;
+    EXPECT_NEAR(testing::playedDuration(info), recorded, 1024.0 / 44100) << info.dump();
     EXPECT_NEAR(recorded, 1.5, 0.2);
 }
 

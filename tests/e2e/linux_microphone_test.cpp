@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include "e2e/rpc_fixture.h"
+#include "support/media_probe.h"
 #include "support/pulse_daemon.h"
 #include "support/temp_directory.h"
 
@@ -70,16 +71,9 @@ TEST(LinuxMicrophoneOverRpc, ListsAndRecordsTheServersMicrophone) {
         ASSERT_EQ(r["status"], 200) << r.dump();
         const double timeline = r["result"]["info"]["duration"].get<double>();
 
-        FILE* pipe = popen(("ffprobe -v error -show_format -show_streams -of json '" + (bundle / "mic.m4a").string() + "'").c_str(), "r");
-        std::string out;
-        char buffer[4096];
-        while (pipe && fgets(buffer, sizeof buffer, pipe)) out += buffer;
-        if (pipe) pclose(pipe);
-        auto info = json::parse(out);
-        ASSERT_EQ(info["streams"].size(), 1u) << out;
-        const double start = std::stod(info["streams"][0]["start_time"].get<std::string>());
-        const double played = std::stod(info["format"]["duration"].get<std::string>()) + std::min(0.0, start);
-        EXPECT_NEAR(played, timeline, 1024.0 / daemon.rate()) << out;
+        auto info = probeMedia(bundle / "mic.m4a");
+        ASSERT_EQ(info["streams"].size(), 1u) << info.dump();
+        EXPECT_NEAR(playedDuration(info), timeline, 1024.0 / daemon.rate()) << info.dump();
     }
     feeding = false;
     feeder.join();

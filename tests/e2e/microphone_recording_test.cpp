@@ -9,6 +9,7 @@
 
 #include "e2e/rpc_fixture.h"
 #include "host/json_coding.h"
+#include "support/media_probe.h"
 #include "support/temp_directory.h"
 
 namespace ov::testing {
@@ -18,14 +19,7 @@ using nlohmann::json;
 
 constexpr double aacFrame = 1024.0 / 48000;
 
-std::string run(const std::string& command) {
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    while (pipe && fgets(buffer, sizeof buffer, pipe)) out += buffer;
-    if (pipe) pclose(pipe);
-    return out;
-}
+std::string run(const std::string& command) { return commandOutput(command); }
 
 class MicrophoneRecording : public RpcProcessTest {
 protected:
@@ -82,16 +76,14 @@ TEST_F(MicrophoneRecording, ASingleFileLastsAsLongAsTheTimeline) {
     const double timeline = result["info"]["duration"].get<double>();
     EXPECT_NEAR(timeline, 5.0, 0.5);
 
-    auto info = json::parse(run("ffprobe -v error -show_format -show_streams -of json '" + (bundle / "mic.m4a").string() + "'"));
+    auto info = probeMedia(bundle / "mic.m4a");
     ASSERT_EQ(info["streams"].size(), 1u) << info.dump();
     const auto& stream = info["streams"][0];
     EXPECT_EQ(stream["codec_name"], "aac");
     EXPECT_EQ(stream["profile"], "LC");
     // The encoder's priming lies before zero and the edit list skips it: what
     // plays is the duration from zero.
-    const double start = std::stod(stream["start_time"].get<std::string>());
-    const double played = std::stod(info["format"]["duration"].get<std::string>()) + std::min(0.0, start);
-    EXPECT_NEAR(played, timeline, aacFrame) << info.dump();
+    EXPECT_NEAR(playedDuration(info), timeline, aacFrame) << info.dump();
 }
 
 TEST_F(MicrophoneRecording, SegmentedOutputHasPlaylistsThatFfmpegReadsToTheEnd) {

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "support/child_process.h"
+#include "support/media_probe.h"
 #include "support/temp_directory.h"
 
 namespace ov::testing {
@@ -27,17 +28,12 @@ TEST(AVAssetWriterCrash, AKilledRecordingLeavesAPlayableFileShortOfAtMostTwoSeco
     child.kill(SIGKILL);
     child.waitForExit();
 
-    FILE* pipe = popen(("ffprobe -v error -show_format -show_streams -of json '" + movie.string() + "'").c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    while (pipe && fgets(buffer, sizeof buffer, pipe)) out += buffer;
-    if (pipe) pclose(pipe);
-    ASSERT_FALSE(out.empty()) << "ffprobe can't open the killed file";
-    auto info = nlohmann::json::parse(out);
-    ASSERT_EQ(info["streams"].size(), 2u) << out;
+    auto info = probeMedia(movie);
+    ASSERT_TRUE(info.is_object()) << "ffprobe can't open the killed file";
+    ASSERT_EQ(info["streams"].size(), 2u) << info.dump();
     const double duration = std::stod(info["format"]["duration"].get<std::string>());
-    EXPECT_GE(duration, written - 2.0) << out;
-    EXPECT_LE(duration, written + 1.0) << out;
+    EXPECT_GE(duration, written - 2.0) << info.dump();
+    EXPECT_LE(duration, written + 1.0) << info.dump();
 }
 
 }  // namespace

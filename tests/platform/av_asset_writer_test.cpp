@@ -12,6 +12,7 @@
 
 #include "platform/av_audio_pcm_buffer.h"
 #include "platform/cv_pixel_buffer.h"
+#include "support/media_probe.h"
 #include "support/temp_directory.h"
 
 namespace ov::platform {
@@ -19,17 +20,7 @@ namespace {
 
 using testing::TempDirectory;
 
-// ffprobe's view of a file: streams (with frame counts) and format.
-nlohmann::json probe(const std::filesystem::path& file) {
-    const std::string command =
-        "ffprobe -v error -count_packets -show_streams -show_format -of json '" + file.string() + "' 2>/dev/null";
-    FILE* pipe = popen(command.c_str(), "r");
-    std::string out;
-    char buffer[4096];
-    while (pipe && fgets(buffer, sizeof buffer, pipe)) out += buffer;
-    if (pipe) pclose(pipe);
-    return out.empty() ? nlohmann::json() : nlohmann::json::parse(out);
-}
+nlohmann::json probe(const std::filesystem::path& file) { return testing::probeMedia(file); }
 
 const nlohmann::json* streamOf(const nlohmann::json& info, const std::string& type) {
     for (const auto& s : info["streams"])
