@@ -10,8 +10,8 @@
 #include "platform/av_asset_writer.h"
 #include "platform/av_capture_device.h"
 #include "platform/cm_clock.h"
-#include "platform/platform_error.h"
-#include "session/ov_error.h"
+#include "foundation/platform_error.h"
+#include "foundation/ov_error.h"
 #include "session/recorder_assembly.h"
 #include "session/source_diagnostics.h"
 #include "timing/with_timeout.h"
@@ -266,7 +266,7 @@ AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& ou
                                      int videoSegmentDuration, std::shared_ptr<StableRecordingTimeline> recordingTimeline,
                                      bool useTimeline, const Logger& logger, AbortFunction onAbort)
     : id_(std::move(id)),
-      logger_(logger.withCategoryFromFileID("Orvane/AudioFileRecorder.swift", id_)),
+      logger_(logger.with("AudioFileRecorder", id_)),
       recordingTimeline_(std::move(recordingTimeline)),
       useTimeline_(useTimeline),
       microphoneID_(microphoneID),
@@ -464,7 +464,7 @@ AudioStreamRecorder::AudioStreamRecorder(std::string id, const std::string& micr
                                          std::optional<AudioStreamConfiguration> audioConfiguration,
                                          AbortFunction onAbort)
     : id_(std::move(id)),
-      logger_(logger.withCategoryFromFileID("Orvane/AudioStreamRecorder.swift", id_)),
+      logger_(logger.with("AudioStreamRecorder", id_)),
       microphoneID_(microphoneID),
       sampleBufferQueue_(std::make_shared<platform::DispatchQueue>("AudioStreamRecorderSampleBufferQueue")) {
     coordinator_ = std::make_shared<Coordinator>(std::move(recordingTimeline), useTimeline, logger_,

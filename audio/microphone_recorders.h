@@ -26,7 +26,7 @@
 #include "timing/prepare_ring_buffer_adapter.h"
 #include "timing/recording_timeline_bounded_audio_stream.h"
 #include "timing/stable_recording_timeline.h"
-#include "timing/unbounded_backpressure_buffer.h"
+#include "output/unbounded_backpressure_buffer.h"
 
 namespace ov {
 

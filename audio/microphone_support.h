@@ -12,7 +12,7 @@
 #include "platform/av_capture_device.h"
 #include "platform/cm_clock.h"
 #include "platform/cm_sample_buffer.h"
-#include "timing/unbounded_backpressure_buffer.h"
+#include "output/unbounded_backpressure_buffer.h"
 
 namespace ov {
 

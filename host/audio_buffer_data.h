@@ -3,7 +3,7 @@
 // its float32 samples in the machine's byte order, Base64 encoded.
 #include <optional>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "output/ov_logger.h"
 #include "platform/av_audio_pcm_buffer.h"
 #include "platform/cm_sample_buffer.h"

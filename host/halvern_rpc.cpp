@@ -2,7 +2,8 @@
 
 #include <fmt/format.h>
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
+#include "host/error_payload.h"
 
 namespace ov::host {
 
@@ -62,17 +63,6 @@ InboundRequest decodeRequest(const Json& message) {
 }
 
 // {"name": "NSError", "errorDomain", "errorCode", "message", "debugDescription"}
-Json genericErrorPayload(const std::exception& error) {
-    const auto d = platform::describeError(error);
-    Json j = Json::object();
-    j["name"] = "NSError";
-    j["errorDomain"] = d.domain;
-    j["errorCode"] = d.code;
-    j["message"] = d.localizedDescription;
-    j["debugDescription"] = d.debugDescription;
-    return j;
-}
-
 std::string describeForLog(const std::exception& error) { return platform::describeError(error).debugDescription; }
 
 }  // namespace
@@ -131,14 +121,9 @@ void HalvernRPC::receive(std::string_view data) {
             handled = true;
         } catch (const HVRPCError&) {
             throw;
-        } catch (const HVRPCEncodableError& e) {
-            const auto* asException = dynamic_cast<const std::exception*>(&e);
-            log_.notice(fmt::format("Error while handling request: {}",
-                                    asException ? describeForLog(*asException) : std::string("error")));
-            sendErrorResponse(id, HVRPCStatusCode::operationFailed, e.encodeAsPayload());
         } catch (const std::exception& e) {
             log_.notice(fmt::format("Error while handling request: {}", describeForLog(e)));
-            sendErrorResponse(id, HVRPCStatusCode::operationFailed, genericErrorPayload(e));
+            sendErrorResponse(id, HVRPCStatusCode::operationFailed, errorPayload(e));
         }
         if (!handled) return;
 

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "platform/os_log.h"
 
 namespace ov::host {

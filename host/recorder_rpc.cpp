@@ -1,11 +1,12 @@
 #include "host/recorder_rpc.h"
 
 #include "host/audio_buffer_data.h"
+#include "host/error_payload.h"
 #include "host/globals.h"
 #include "platform/audio_capabilities.h"
 #include "platform/capture_platform.h"
 #include "session/ov_bundle_info.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov::coding {
 

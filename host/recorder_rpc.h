@@ -8,7 +8,7 @@
 #include <string>
 
 #include "host/halvern_rpc.h"
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "host/recorder_schema.h"
 #include "session/ov_recorder.h"
 

@@ -16,7 +16,7 @@
 #include <vector>
 
 #include "host/halvern_rpc.h"
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "session/ov_recorder_types.h"
 
 namespace ov::host {

@@ -1,8 +1,8 @@
 #include "output/atomic_file_writer.h"
 
 #include "platform/file_manager.h"
-#include "platform/platform_error.h"
-#include "session/ov_error.h"
+#include "foundation/platform_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 namespace {

@@ -7,7 +7,7 @@
 #include "output/ov_logger.h"
 #include "platform/av_asset_writer.h"
 #include "platform/cm_sample_buffer.h"
-#include "timing/unbounded_backpressure_buffer.h"
+#include "output/unbounded_backpressure_buffer.h"
 
 namespace ov {
 

@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 namespace {

@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <fstream>
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 #include "platform/task_group.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 namespace {

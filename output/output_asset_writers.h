@@ -13,7 +13,7 @@
 #include "output/segmented_asset_writer.h"
 #include "platform/av_asset_writer.h"
 #include "platform/dispatch_queue.h"
-#include "session/schema_options.h"
+#include "output/segment_callback.h"
 
 namespace ov {
 

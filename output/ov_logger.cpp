@@ -252,26 +252,4 @@ Logger Logger::with(std::string category, std::optional<std::string> identifier,
     return Logger(std::move(category), std::move(identifier), std::move(merged), ovLogger_);
 }
 
-Logger Logger::withCategoryFromFileID(std::string_view fileID, std::optional<std::string> identifier,
-                                      const LogMetadata& additionalMetadata) const {
-    return with(categoryFromFileID(fileID), std::move(identifier), additionalMetadata);
-}
-
-std::string Logger::categoryFromFileID(std::string_view fileID) {
-    // Split once on "/", leaving out empty pieces (they do not count as the split).
-    std::vector<std::string_view> pieces;
-    std::size_t start = 0;
-    for (std::size_t i = 0; i < fileID.size() && pieces.empty(); ++i) {
-        if (fileID[i] != '/') continue;
-        if (i > start) pieces.push_back(fileID.substr(start, i - start));
-        start = i + 1;
-    }
-    if (start < fileID.size()) pieces.push_back(fileID.substr(start));
-    if (pieces.empty()) return std::string(fileID);
-    // File identifiers end in a five-letter extension: drop it with its dot.
-    std::string_view name = pieces.back();
-    if (name.size() < 6) return {};
-    return std::string(name.substr(0, name.size() - 6));
-}
-
 }  // namespace ov

@@ -27,7 +27,7 @@
 
 #include "platform/dispatch_queue.h"
 #include "platform/os_log.h"
-#include "timing/ring_buffer.h"
+#include "foundation/ring_buffer.h"
 
 namespace ov {
 
@@ -201,11 +201,6 @@ public:
     // (the additional value wins on a clash), then metadata[category] = identifier.
     Logger with(std::string category, std::optional<std::string> identifier = std::nullopt,
                 const LogMetadata& additionalMetadata = {}) const;
-    // The same, with the category taken from a file identifier "Module/File.ext".
-    Logger withCategoryFromFileID(std::string_view fileID, std::optional<std::string> identifier = std::nullopt,
-                                  const LogMetadata& additionalMetadata = {}) const;
-
-    static std::string categoryFromFileID(std::string_view fileID);
 
     const std::shared_ptr<OVLogger>& ovLogger() const { return ovLogger_; }
     const std::string& category() const { return category_; }

@@ -6,8 +6,8 @@
 
 #include "platform/file_handle.h"
 #include "platform/file_manager.h"
-#include "platform/platform_error.h"
-#include "session/ov_error.h"
+#include "foundation/platform_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 namespace {

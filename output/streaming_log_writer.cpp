@@ -1,6 +1,6 @@
 #include "output/streaming_log_writer.h"
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov {
 

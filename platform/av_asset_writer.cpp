@@ -23,7 +23,7 @@ extern "C" {
 
 #include "platform/av_audio_pcm_buffer.h"
 #include "platform/cv_pixel_buffer.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov::platform {
 

@@ -24,14 +24,11 @@
 #include "platform/cm_format_description.h"
 #include "platform/cm_sample_buffer.h"
 #include "platform/cm_time.h"
+#include "platform/capture/capture_producer.h"
 #include "platform/key_value_observing.h"
 
 namespace ov::platform {
 
-// The kinds of media that a device delivers.
-enum class AVMediaType { video, audio, muxed };
-// "vide", "soun", "muxx": the platform's own names, for logs.
-std::string toString(AVMediaType mediaType);
 
 enum class AVAuthorizationStatus : int { notDetermined = 0, restricted = 1, denied = 2, authorized = 3 };
 std::string toString(AVAuthorizationStatus status);
@@ -84,32 +81,6 @@ private:
     bool isCenterStageSupported_;
 };
 using AVCaptureDeviceFormatRef = std::shared_ptr<const AVCaptureDeviceFormat>;
-
-// What a running capture connection asks a device for.
-struct CaptureProducerRequest {
-    AVMediaType mediaType = AVMediaType::video;
-    // Video: the pixel format and size wanted; 0 keeps the device's own.
-    OSType pixelFormat = 0;
-    int32_t width = 0;
-    int32_t height = 0;
-    // Audio: the PCM format wanted; absent keeps the device's own.
-    std::optional<AVAudioFormat> audioFormat;
-};
-
-// Where a producer delivers, on its own thread, in capture order.
-struct CaptureProducerSink {
-    std::function<void(const CMSampleBuffer&)> output;
-    // The device ended delivery by itself (an error, a disconnect).
-    std::function<void(std::exception_ptr)> failed;
-};
-
-// A running source of samples. stop() ends delivery: once it returns, the
-// sink is not called again. Destroying a producer stops it.
-class CaptureProducer {
-public:
-    virtual ~CaptureProducer() = default;
-    virtual void stop() = 0;
-};
 
 class AVCaptureDevice : public std::enable_shared_from_this<AVCaptureDevice> {
 public:

@@ -1,6 +1,6 @@
 #include "platform/capture_platform.h"
 
-#include "platform/pulse/pulse_capture_platform.h"
+#include "platform/linux/linux_capture_platform.h"
 
 #include <cstdlib>
 #include <thread>

@@ -3,9 +3,10 @@
 // sessions, screen streams, shareable content). One is chosen once per
 // process from ORVANE_PLATFORM:
 //
-//   linux      (the default) the machine's own screens, cameras and sound.
-//              Not part of this build yet: it lists nothing, and every
-//              attempt to capture fails with a platform error in the domain
+//   linux      (the default) the machine's own screens, cameras and sound,
+//              composed from one provider per Linux API
+//              (platform/linux/linux_capture_platform.h). What no provider
+//              offers fails with a platform error in the domain
 //              "Orvane.CapturePlatform" saying so.
 //   synthetic  a generated world of displays, windows, cameras, microphones
 //              and phones with exact timestamps (see synthetic_world.h); the
@@ -25,7 +26,7 @@
 
 #include "platform/av_capture_device.h"
 #include "platform/key_value_observing.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 #include "platform/sc_shareable_content.h"
 #include "platform/sc_stream.h"
 
@@ -122,8 +123,8 @@ private:
 bool CGPreflightScreenCaptureAccess();
 bool CGRequestScreenCaptureAccess();
 
-// The backend that `linux` stands for until the real one is built: nothing to
-// capture, and a clear error for every attempt.
+// A backend with nothing to capture and a clear error for every attempt: what
+// `linux` answers for a kind of source that no Linux API of this machine offers.
 class UnavailableCapturePlatform final : public CapturePlatform {
 public:
     explicit UnavailableCapturePlatform(std::string name = "linux") : name_(std::move(name)) {}

@@ -35,7 +35,7 @@
 #include "platform/cm_time.h"
 #include "platform/core_audio_types.h"
 #include "platform/cv_pixel_buffer.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov::platform {
 

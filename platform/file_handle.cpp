@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov::platform {
 

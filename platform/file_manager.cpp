@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "platform/file_handle.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov::platform {
 namespace {

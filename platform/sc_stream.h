@@ -26,13 +26,13 @@
 #include "platform/dispatch_queue.h"
 #include "platform/sc_content_filter.h"
 #include "platform/sc_stream_configuration.h"
+#include "platform/capture/screen_capture_producer.h"
 #include "platform/sc_stream_error.h"
 
 namespace ov::platform {
 
 class SCStream;
 
-enum class SCStreamOutputType : int { screen = 0, audio = 1, microphone = 2 };
 
 enum class SCFrameStatus : int { complete = 0, idle = 1, blank = 2, suspended = 3, started = 4, stopped = 5 };
 
@@ -54,22 +54,6 @@ public:
     virtual ~SCStreamDelegate() = default;
     // The stream ended by itself (source gone, system stop, failure).
     virtual void streamDidStopWithError(SCStream& stream, std::exception_ptr error) = 0;
-};
-
-// What a backend's running screen capture offers the stream.
-class ScreenCaptureProducer {
-public:
-    virtual ~ScreenCaptureProducer() = default;
-    // Once it returns, the sink is not called again.
-    virtual void stop() = 0;
-    virtual std::shared_ptr<const CMClock> synchronizationClock() const = 0;
-    virtual void updateContentFilter(const SCContentFilter& filter) = 0;
-    virtual void updateConfiguration(const SCStreamConfiguration& configuration) = 0;
-};
-
-struct ScreenCaptureSink {
-    std::function<void(SCStreamOutputType, const CMSampleBuffer&)> output;
-    std::function<void(std::exception_ptr)> failed;
 };
 
 class SCStream : public std::enable_shared_from_this<SCStream> {

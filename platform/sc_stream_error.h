@@ -1,7 +1,7 @@
 #pragma once
 // Errors with which a screen capture stream stops.
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov::platform {
 

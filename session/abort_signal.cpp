@@ -2,7 +2,7 @@
 
 #include "output/ov_logger.h"
 #include "platform/sc_stream_error.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 

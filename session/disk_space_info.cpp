@@ -5,7 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 

@@ -1,6 +1,6 @@
 #include "session/grouped_errors.h"
 
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov {
 

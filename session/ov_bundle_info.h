@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "session/ov_recorder_types.h"
 
 namespace ov {

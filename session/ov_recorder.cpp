@@ -2,7 +2,7 @@
 
 #include <fmt/format.h>
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 #include "session/short_id.h"
 
 namespace ov {

@@ -1,6 +1,6 @@
 #include "session/ov_recorder_types.h"
 
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 

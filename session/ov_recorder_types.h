@@ -10,7 +10,7 @@
 #include <optional>
 #include <string>
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 #include "session/grouped_errors.h"
 #include "session/ov_recorder_schema.h"
 

@@ -1,8 +1,7 @@
 #include "session/recorder_assembly.h"
 
-#include "audio/microphone_recorders.h"
-
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
+#include "session/recorder_registry.h"
 #include "session/short_id.h"
 
 namespace ov {
@@ -93,17 +92,11 @@ std::vector<std::shared_ptr<Recorder>> createRecorders(const InternalSchemaItem&
         if (!custom->makeRecorders) return {};
         return custom->makeRecorders(context.bundleURL, context.logger, context.onAbort);
     }
-    if (const auto* mic = std::get_if<MicrophoneFileSchemaItem>(&item)) {
-        requireNoEchoCancellation(mic->echoCancellation);
-        return makeMicrophoneRecorders(
-            *mic, outputDescription(mic->outputOptions, context.bundleURL, fallbackFilename(item)), context);
-    }
-    if (const auto* mic = std::get_if<MicrophoneStreamSchemaItem>(&item)) {
-        requireNoEchoCancellation(mic->echoCancellation);
-        return makeMicrophoneRecorders(*mic, context);
-    }
+    if (const auto* mic = std::get_if<MicrophoneFileSchemaItem>(&item)) requireNoEchoCancellation(mic->echoCancellation);
+    if (const auto* mic = std::get_if<MicrophoneStreamSchemaItem>(&item)) requireNoEchoCancellation(mic->echoCancellation);
+    if (const auto factory = RecorderRegistry::shared().factoryFor(item)) return factory(item, context);
 
-    // Capture kinds arrive with their recorders; until then each fails at prepare.
+    // A kind that no recorder folder registered fails at prepare.
     const std::string id = std::visit([](const auto& i) { return i.id; }, item);
     const std::string kind = itemKindName(item);
     return {std::make_shared<UnsupportedSourceRecorder>(id, kind, context.logger.with("UnsupportedSourceRecorder", id))};

@@ -11,12 +11,12 @@
 #include <string_view>
 #include <variant>
 
+#include "output/segment_callback.h"
+
 namespace ov {
 
 using ProcessID = int32_t;
 
-// Called with the file URL of each finished segment.
-using SegmentCallback = std::function<void(const std::filesystem::path& segmentURL)>;
 
 enum class OVVideoCodec { h264, hevc };
 enum class OVColorSpace { sRGB, displayP3 };

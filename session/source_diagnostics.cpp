@@ -6,7 +6,7 @@
 #include <mutex>
 
 #include "output/ov_logger.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 

@@ -4,7 +4,7 @@
 #include <limits>
 
 #include "platform/av_audio_format.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 

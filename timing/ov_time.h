@@ -7,7 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "platform/cm_time.h"
 
 namespace ov {

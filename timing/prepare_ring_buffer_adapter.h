@@ -20,7 +20,7 @@
 #include <vector>
 
 #include "output/ov_logger.h"
-#include "timing/ring_buffer.h"
+#include "foundation/ring_buffer.h"
 #include "timing/with_timeout.h"
 
 namespace ov {

@@ -22,7 +22,7 @@
 #include "platform/cm_sample_buffer.h"
 #include "platform/cm_time.h"
 #include "timing/recording_interval.h"
-#include "timing/ring_buffer.h"
+#include "foundation/ring_buffer.h"
 
 namespace ov {
 

@@ -24,7 +24,7 @@
 
 #include "platform/cm_time.h"
 #include "timing/recording_interval.h"
-#include "timing/ring_buffer.h"
+#include "foundation/ring_buffer.h"
 
 namespace ov {
 

@@ -74,7 +74,7 @@
 #include <string>
 #include <vector>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "platform/av_capture_device.h"
 #include "platform/cg_geometry.h"
 #include "platform/cm_time.h"

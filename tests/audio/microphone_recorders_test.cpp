@@ -11,7 +11,7 @@
 #include "platform/capture_platform.h"
 #include "platform/cm_clock.h"
 #include "platform/synthetic/synthetic_capture_platform.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "support/log_capture.h"
 #include "support/media_probe.h"
 #include "support/temp_directory.h"

@@ -8,7 +8,7 @@
 #include <thread>
 
 #include "e2e/rpc_fixture.h"
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "support/media_probe.h"
 #include "support/temp_directory.h"
 

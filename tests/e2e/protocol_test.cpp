@@ -6,7 +6,7 @@
 #include <random>
 #include <thread>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 
 #include "e2e/rpc_fixture.h"
 

@@ -8,7 +8,7 @@
 #include "e2e/rpc_fixture.h"
 #include "host/audio_buffer_data.h"
 #include "host/recorder_rpc.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "support/log_capture.h"
 #include "support/temp_directory.h"
 

@@ -7,7 +7,7 @@
 
 #include "host/echo_rpc.h"
 #include "host/halvern_rpc.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov::host {
 namespace {

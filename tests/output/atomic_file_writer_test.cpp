@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "output/atomic_file_writer.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 #include "support/temp_directory.h"
 
 namespace ov::testing {

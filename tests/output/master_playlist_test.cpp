@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "output/master_playlist.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov::testing {
 namespace {

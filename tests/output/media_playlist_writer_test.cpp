@@ -6,7 +6,7 @@
 
 #include "output/media_playlist_writer.h"
 #include "platform/cm_time.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 #include "support/temp_directory.h"
 
 namespace ov::testing {

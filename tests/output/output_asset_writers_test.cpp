@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "output/output_asset_writers.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "support/log_capture.h"
 #include "support/temp_directory.h"
 

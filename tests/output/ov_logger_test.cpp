@@ -178,20 +178,6 @@ TEST(LoggerMetadata, IdentifiersNestAndMessageMetadataWins) {
     EXPECT_EQ(c.lines[0].formattedMetadata(), "Conductor=c7 OVRecorder=override bytes=10 phase=record");
 }
 
-TEST(LoggerMetadata, CategoryFromFileID) {
-    EXPECT_EQ(Logger::categoryFromFileID("Orvane/Conductor.swift"), "Conductor");
-    EXPECT_EQ(Logger::categoryFromFileID("/Tap.swift"), "Tap");
-    EXPECT_EQ(Logger::categoryFromFileID("Orvane/a.b"), "");
-    EXPECT_EQ(Logger::categoryFromFileID(""), "");
-    EXPECT_EQ(Logger::categoryFromFileID("/"), "/");
-    EXPECT_EQ(Logger::categoryFromFileID("Conductor.swift"), "Conductor");
-
-    Capture c;
-    auto logger = c.logger("Root", "x").withCategoryFromFileID("Orvane/Conductor.swift", "c1");
-    EXPECT_EQ(logger.category(), "Conductor");
-    EXPECT_EQ(logger.metadata(), (LogMetadata{{"Root", "x"}, {"Conductor", "c1"}}));
-}
-
 TEST(OVLoggerRing, KeepsTheLastThousandLinesOldestFirst) {
     auto engine = OVLogger::create(false);
     Logger logger("Ring", std::nullopt, {}, engine);

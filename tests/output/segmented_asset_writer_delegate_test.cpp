@@ -9,7 +9,7 @@
 
 #include "output/segmented_asset_writer.h"
 #include "output/segmented_asset_writer_delegate.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "support/log_capture.h"
 #include "support/temp_directory.h"
 

@@ -6,7 +6,7 @@
 #include <filesystem>
 
 #include "output/streaming_json_writer.h"
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 #include "support/log_capture.h"
 #include "support/temp_directory.h"
 

@@ -10,7 +10,7 @@
 #include <unistd.h>
 
 #include "platform/cm_clock.h"
-#include "platform/pulse/pulse_capture_platform.h"
+#include "platform/linux/linux_capture_platform.h"
 #include "support/pulse_daemon.h"
 
 namespace ov::platform {

@@ -4,7 +4,7 @@
 
 #include "platform/sc_stream_error.h"
 #include "support/log_capture.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 namespace {

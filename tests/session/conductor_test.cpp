@@ -9,7 +9,7 @@
 #include <mutex>
 #include <thread>
 
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "session/ov_recorder.h"
 #include "support/log_capture.h"
 #include "support/temp_directory.h"

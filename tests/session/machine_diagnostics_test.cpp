@@ -7,7 +7,7 @@
 #include "platform/byte_count_formatter.h"
 #include "session/disk_space_info.h"
 #include "support/log_capture.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "session/system_information.h"
 
 namespace ov {

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "session/recorder_assembly.h"
 
 namespace ov {

@@ -5,7 +5,7 @@
 #include <map>
 
 #include "support/log_capture.h"
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 namespace ov {
 namespace {

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 #include "support/log_capture.h"
 #include "timing/audio_sample_cutting.h"
 #include "timing/recording_interval_bounded_audio_stream.h"

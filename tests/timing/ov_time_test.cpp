@@ -4,7 +4,7 @@
 
 #include <stdexcept>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 #include "timing/ov_time.h"
 
 namespace ov::testing {

@@ -1,4 +1,4 @@
-#include "timing/unbounded_backpressure_buffer.h"
+#include "output/unbounded_backpressure_buffer.h"
 
 #include <gtest/gtest.h>
 

@@ -1,9 +1,10 @@
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 #include <gtest/gtest.h>
 
 #include <set>
 
+#include "host/error_payload.h"
 #include "host/halvern_rpc.h"
 #include "session/grouped_errors.h"
 #include "session/ov_recorder_types.h"
@@ -67,7 +68,7 @@ TEST(OVErrorCode, EveryNameAndNumberRoundTripsIntoThePayload) {
         EXPECT_EQ(OVError::codeNumber(*code), number);
         EXPECT_EQ(OVError::codeName(*code), name);
 
-        const json payload = OVError(*code, "why", "what").encodeAsPayload();
+        const json payload = host::errorPayload(OVError(*code, "why", "what"));
         EXPECT_EQ(payload, json({{"name", "OrvaneError"},
                                  {"code", name},
                                  {"codeNumber", number},
@@ -81,7 +82,7 @@ TEST(OVErrorCode, EveryNameAndNumberRoundTripsIntoThePayload) {
 }
 
 TEST(OVErrorCode, PayloadKeysComeInTheHostsOrder) {
-    const std::string line = coding::encodeLine(OVError(Code::assetWriterFailed, "d", "l").encodeAsPayload());
+    const std::string line = coding::encodeLine(host::errorPayload(OVError(Code::assetWriterFailed, "d", "l")));
     EXPECT_EQ(line,
               R"({"name":"OrvaneError","code":"assetWriterFailed","codeNumber":-1613,"message":"l","debugDescription":"d"})");
 }
@@ -125,13 +126,13 @@ TEST(OVErrorTexts, EncodesItsFieldsLeavingOutAbsentTexts) {
 }
 
 TEST(ErrorPayload, OVErrorsByCodeOtherErrorsInTheirPlatformForm) {
-    const auto ov = errorPayload(std::make_exception_ptr(OVError(Code::screenCaptureStoppedWithError, "d", "l")));
+    const auto ov = host::errorPayload(std::make_exception_ptr(OVError(Code::screenCaptureStoppedWithError, "d", "l")));
     EXPECT_EQ(ov["name"], "OrvaneError");
     EXPECT_EQ(ov["code"], "screenCaptureStoppedWithError");
     EXPECT_FALSE(ov.contains("errorDomain"));
     EXPECT_FALSE(ov.contains("errorCode"));
 
-    const auto posix = errorPayload(std::make_exception_ptr(platform::PlatformError::posix(28, "write")));
+    const auto posix = host::errorPayload(std::make_exception_ptr(platform::PlatformError::posix(28, "write")));
     EXPECT_EQ(posix, Json({{"name", "NSError"},
                            {"errorDomain", "NSPOSIXErrorDomain"},
                            {"errorCode", 28},
@@ -141,7 +142,7 @@ TEST(ErrorPayload, OVErrorsByCodeOtherErrorsInTheirPlatformForm) {
     // A group is not an OVError, even when it holds only OVErrors.
     GroupedErrors group({std::make_exception_ptr(OVError(Code::assetWriterFailed, "a", "First.")),
                          std::make_exception_ptr(OVError(Code::fileOperationFailed, "b", "Second."))});
-    const auto grouped = errorPayload(std::make_exception_ptr(group));
+    const auto grouped = host::errorPayload(std::make_exception_ptr(group));
     EXPECT_EQ(grouped["name"], "NSError");
     EXPECT_EQ(grouped["errorDomain"], "Orvane.GroupedErrors");
     EXPECT_EQ(grouped["message"], "First. and 1 other errors.");

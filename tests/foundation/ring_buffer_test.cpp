@@ -1,4 +1,4 @@
-#include "timing/ring_buffer.h"
+#include "foundation/ring_buffer.h"
 
 #include <gtest/gtest.h>
 

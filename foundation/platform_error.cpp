@@ -1,4 +1,4 @@
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 #include <cxxabi.h>
 

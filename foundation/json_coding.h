@@ -22,7 +22,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "platform/platform_error.h"
+#include "foundation/platform_error.h"
 
 namespace ov::coding {
 

@@ -2,19 +2,20 @@
 // The `linux` backend's microphones: the sound server's sources, reached with
 // the PulseAudio client library (PulseAudio itself, or PipeWire's pulse server).
 // A microphone's id is its source name; monitors of outputs are not
-// microphones. Screens and cameras stay unavailable on this backend for now.
+// microphones.
 //
 // Samples are float32 at the source's rate and channel count, delivered in
 // fragments of about 20 ms, stamped on the host clock: the first buffer's time
 // is its arrival less the stream's reported latency, and each later buffer
 // starts exactly where the one before ended, so times advance by frame counts.
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
 
-#include "platform/capture_platform.h"
+#include "platform/capture/device_provider.h"
 
 namespace ov::platform {
 
@@ -33,25 +34,19 @@ struct PulseSourceInfo {
 // within the time-out.
 std::vector<PulseSourceInfo> listPulseSources(std::string* unavailableReason = nullptr);
 
-class LinuxCapturePlatform final : public CapturePlatform {
+// The sound server's sources as microphones.
+class PulseDeviceProvider final : public CaptureDeviceProvider {
 public:
-    LinuxCapturePlatform();
-    std::string name() const override { return "linux"; }
-    // The server's microphones, asked anew on every call; a device object
-    // lives on per id, so observers of one keep working.
+    std::string apiName() const override { return "pulse"; }
+    // The server's microphones, asked anew on every call.
     std::vector<AVCaptureDeviceRef> devices() const override;
-    AVAuthorizationStatus authorizationStatus(AVMediaType) const override { return AVAuthorizationStatus::authorized; }
-    bool preflightScreenCaptureAccess() const override { return true; }
-    SCShareableContent shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly) const override;
-    std::unique_ptr<ScreenCaptureProducer> startScreenCapture(const SCContentFilter& filter,
-                                                              const SCStreamConfiguration& configuration,
-                                                              ScreenCaptureSink sink) override;
+    void setDevicesChangedHandler(std::function<void()> handler) override;
 
 private:
-    UnavailableCapturePlatform screens_{"linux"};
     mutable std::mutex mutex_;
     mutable std::map<std::string, AVCaptureDeviceRef> known_;
     mutable bool loggedUnavailable_ = false;
+    std::function<void()> changed_;
 };
 
 }  // namespace ov::platform

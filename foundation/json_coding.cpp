@@ -1,4 +1,4 @@
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 
 #include <cmath>
 

@@ -4,7 +4,7 @@
 
 #include <cmath>
 
-#include "host/json_coding.h"
+#include "foundation/json_coding.h"
 
 namespace ov::coding {
 namespace {

@@ -1,4 +1,4 @@
-#include "platform/pulse/pulse_capture_platform.h"
+#include "platform/linux/pulse/pulse_device_provider.h"
 
 #include <pulse/pulseaudio.h>
 #include <pulse/simple.h>
@@ -208,9 +208,7 @@ private:
 
 }  // namespace
 
-LinuxCapturePlatform::LinuxCapturePlatform() = default;
-
-std::vector<AVCaptureDeviceRef> LinuxCapturePlatform::devices() const {
+std::vector<AVCaptureDeviceRef> PulseDeviceProvider::devices() const {
     std::string reason;
     const auto sources = listPulseSources(&reason);
     std::vector<AVCaptureDeviceRef> out;
@@ -233,14 +231,9 @@ std::vector<AVCaptureDeviceRef> LinuxCapturePlatform::devices() const {
     return out;
 }
 
-SCShareableContent LinuxCapturePlatform::shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly) const {
-    return screens_.shareableContent(excludingDesktopWindows, onScreenWindowsOnly);
-}
-
-std::unique_ptr<ScreenCaptureProducer> LinuxCapturePlatform::startScreenCapture(const SCContentFilter& filter,
-                                                                                const SCStreamConfiguration& configuration,
-                                                                                ScreenCaptureSink sink) {
-    return screens_.startScreenCapture(filter, configuration, std::move(sink));
+void PulseDeviceProvider::setDevicesChangedHandler(std::function<void()> handler) {
+    std::lock_guard lock(mutex_);
+    changed_ = std::move(handler);
 }
 
 }  // namespace ov::platform

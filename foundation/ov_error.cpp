@@ -1,4 +1,4 @@
-#include "session/ov_error.h"
+#include "foundation/ov_error.h"
 
 #include <algorithm>
 
@@ -129,44 +129,6 @@ coding::Json OVError::toJson() const {
 
 platform::ErrorDescription OVError::errorDescription() const {
     return {domain, codeNumber(code_), localizedDescription(), debugDescription()};
-}
-
-coding::Json OVError::encodeAsPayload() const {
-    coding::Json j = coding::Json::object();
-    j["name"] = "OrvaneError";
-    j["code"] = std::string(codeName(code_));
-    j["codeNumber"] = codeNumber(code_);
-    j["message"] = localizedDescription();
-    j["debugDescription"] = debugDescription();
-    return j;
-}
-
-namespace {
-coding::Json platformErrorPayload(const platform::ErrorDescription& d) {
-    coding::Json j = coding::Json::object();
-    j["name"] = "NSError";
-    j["errorDomain"] = d.domain;
-    j["errorCode"] = d.code;
-    j["message"] = d.localizedDescription;
-    j["debugDescription"] = d.debugDescription;
-    return j;
-}
-}  // namespace
-
-coding::Json errorPayload(const std::exception& error) {
-    if (const auto* ovError = dynamic_cast<const OVError*>(&error)) return ovError->encodeAsPayload();
-    return platformErrorPayload(platform::describeError(error));
-}
-
-coding::Json errorPayload(const std::exception_ptr& error) {
-    if (!error) return platformErrorPayload({"unknown", 1, "An unknown error occurred.", "no error value"});
-    try {
-        std::rethrow_exception(error);
-    } catch (const std::exception& e) {
-        return errorPayload(e);
-    } catch (...) {
-        return platformErrorPayload(platform::describeError(std::current_exception()));
-    }
 }
 
 }  // namespace ov

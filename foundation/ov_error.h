@@ -1,8 +1,8 @@
 #pragma once
 // OVError: the one error value of the library. A code from a fixed table, a
 // text for logs, a text for people and extra values. It describes itself as a
-// platform error (domain "Orvane.OVError", the code's number) and answers a
-// failed request with its own payload, so the host sees the code by name.
+// platform error (domain "Orvane.OVError", the code's number); the protocol
+// layer turns it into the payload that names the code for the host.
 
 #include <cstdint>
 #include <exception>
@@ -13,13 +13,12 @@
 #include <utility>
 #include <vector>
 
-#include "host/halvern_rpc.h"
-#include "host/json_coding.h"
-#include "platform/platform_error.h"
+#include "foundation/json_coding.h"
+#include "foundation/platform_error.h"
 
 namespace ov {
 
-class OVError : public std::exception, public platform::DescribableError, public host::HVRPCEncodableError {
+class OVError : public std::exception, public platform::DescribableError {
 public:
     // Numbers come in blocks by kind of failure; the gaps are part of the table.
     enum class Code : int {
@@ -111,8 +110,6 @@ public:
 
     const char* what() const noexcept override { return what_.c_str(); }
     platform::ErrorDescription errorDescription() const override;
-    // The "OrvaneError" payload of a failed request.
-    coding::Json encodeAsPayload() const override;
 
 private:
     Code code_;
@@ -123,10 +120,5 @@ private:
     std::string what_;
 };
 
-// The error of an abort callback as the host reads it: "OrvaneError" with code
-// and number for an OVError; any other error (a group too) in its platform
-// form, "NSError" with "errorDomain" and "errorCode".
-coding::Json errorPayload(const std::exception& error);
-coding::Json errorPayload(const std::exception_ptr& error);
 
 }  // namespace ov
