@@ -21,29 +21,35 @@ public:
     using Factory = std::function<std::vector<std::shared_ptr<Recorder>>(const InternalSchemaItem& item,
                                                                          const RecorderAssemblyContext& context)>;
 
+    // The process's registry, which the recorder folders fill.
     static RecorderRegistry& shared();
+    // An empty registry (tests).
+    RecorderRegistry();
 
-    // Registers the factory of one item type; a second registration replaces
-    // the first (tests use it to stand in for a folder's recorders).
+    // Registers a factory of one item type. An item kind may have factories
+    // from several folders (a display item makes the screen recorder and,
+    // when asked, the input recorders): they run in ascending `order`, then
+    // in registration order, and their recorders are concatenated.
     template <class Item>
     bool add(std::function<std::vector<std::shared_ptr<Recorder>>(const Item& item,
                                                                   const RecorderAssemblyContext& context)>
-                 factory) {
-        set(std::type_index(typeid(Item)), [factory = std::move(factory)](const InternalSchemaItem& item,
-                                                                          const RecorderAssemblyContext& context) {
-            return factory(std::get<Item>(item), context);
-        });
+                 factory,
+             int order = 0) {
+        append(std::type_index(typeid(Item)), order,
+               [factory = std::move(factory)](const InternalSchemaItem& item, const RecorderAssemblyContext& context) {
+                   return factory(std::get<Item>(item), context);
+               });
         return true;
     }
 
-    // The factory for the item's kind, or null when no folder made one.
+    // One factory that runs every registered factory of the item's kind, or
+    // null when no folder registered one.
     Factory factoryFor(const InternalSchemaItem& item) const;
 
 private:
-    void set(std::type_index type, Factory factory);
+    void append(std::type_index type, int order, Factory factory);
     struct State;
     std::shared_ptr<State> state_;
-    RecorderRegistry();
 };
 
 }  // namespace ov
