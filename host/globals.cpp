@@ -6,6 +6,7 @@
 #include <string>
 
 #include "host/echo_rpc.h"
+#include "host/logger_rpc.h"
 #include "host/recorder_rpc.h"
 
 namespace ov::host::Globals {
@@ -14,6 +15,7 @@ std::vector<HVRPCTypeRegistration> registeredTypes() {
     std::vector<HVRPCTypeRegistration> types;
     types.push_back(makeRegistration<EchoRPC>());
     types.push_back(makeRegistration<RecorderRPC>());
+    types.push_back(makeRegistration<LoggerRPC>());
     return types;
 }
 
