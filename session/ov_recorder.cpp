@@ -61,6 +61,23 @@ auto OVRecorder::logged(const char* failurePrefix, F&& call) -> decltype(call())
     }
 }
 
+namespace {
+std::mutex userPreferredMutex;
+OVRecorder::UserPreferredUpdater& userPreferredSlot() {
+    static OVRecorder::UserPreferredUpdater updater;
+    return updater;
+}
+OVRecorder::UserPreferredUpdater userPreferredUpdater() {
+    std::lock_guard lock(userPreferredMutex);
+    return userPreferredSlot();
+}
+}  // namespace
+
+void OVRecorder::setUserPreferredUpdater(UserPreferredUpdater updater) {
+    std::lock_guard lock(userPreferredMutex);
+    userPreferredSlot() = std::move(updater);
+}
+
 void OVRecorder::setAbortHandler(AbortHandler handler) {
     logged("Failed to set abort handler: ", [&] { conductor_->setOnAbort(std::move(handler)); });
 }
@@ -73,8 +90,17 @@ OVBundleInfo OVRecorder::prepare() {
 
 void OVRecorder::start() {
     logged("Failed to start: ", [&] { conductor_->start(ShortID::make()); });
-    // The preferred-source lists that updatesUserPreferred keeps belong to
-    // discovery, which this build doesn't have yet; nothing to update.
+    if (settings_.updatesUserPreferred) {
+        if (const auto updater = userPreferredUpdater()) {
+            // The recording runs whatever happens to the preference store.
+            try {
+                updater(schema_);
+            } catch (const std::exception& e) {
+                logger_.warning("Failed to update the preferred sources",
+                                [&] { return LogMetadata{{"error", platform::describeError(e).debugDescription}}; });
+            }
+        }
+    }
     logger_.info("Started recording");
 }
 

@@ -45,6 +45,12 @@ public:
     // "OVRecorder: <n> recorder items".
     std::string debugDescription() const;
 
+    // What keeps the user's preferred sources as a recording starts (when
+    // the settings' updatesUserPreferred is true). Installed by the discovery
+    // folder, which the session can't include.
+    using UserPreferredUpdater = std::function<void(const Schema& schema)>;
+    static void setUserPreferredUpdater(UserPreferredUpdater updater);
+
 private:
     template <class F>
     auto logged(const char* failurePrefix, F&& call) -> decltype(call());
