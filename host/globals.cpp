@@ -5,6 +5,7 @@
 #include <mutex>
 #include <string>
 
+#include "host/authorization_status_rpc.h"
 #include "host/echo_rpc.h"
 #include "host/logger_rpc.h"
 #include "host/recorder_rpc.h"
@@ -14,6 +15,7 @@ namespace ov::host::Globals {
 std::vector<HVRPCTypeRegistration> registeredTypes() {
     std::vector<HVRPCTypeRegistration> types;
     types.push_back(makeRegistration<EchoRPC>());
+    types.push_back(makeRegistration<AuthorizationStatusRPC>());
     types.push_back(makeRegistration<RecorderRPC>());
     types.push_back(makeRegistration<LoggerRPC>());
     return types;

@@ -118,6 +118,15 @@ CapturePlatform::ScopedOverride::~ScopedOverride() {
 
 bool CGPreflightScreenCaptureAccess() { return CapturePlatform::shared()->preflightScreenCaptureAccess(); }
 bool CGRequestScreenCaptureAccess() { return CapturePlatform::shared()->preflightScreenCaptureAccess(); }
+bool CGPreflightListenEventAccess() { return CapturePlatform::shared()->preflightListenEventAccess(); }
+bool CGRequestListenEventAccess() { return CapturePlatform::shared()->preflightListenEventAccess(); }
+bool CGPreflightPostEventAccess() { return CapturePlatform::shared()->preflightPostEventAccess(); }
+bool CGRequestPostEventAccess() { return CapturePlatform::shared()->preflightPostEventAccess(); }
+
+void CapturePlatform::requestAudioCaptureAccess(std::function<void(bool)> completion) {
+    const bool granted = audioCaptureAccessStatus() == 0;
+    std::thread([granted, completion = std::move(completion)] { completion(granted); }).detach();
+}
 
 SCShareableContent UnavailableCapturePlatform::shareableContent(bool, bool) const {
     throw notAvailableError("Screen capture", name_);

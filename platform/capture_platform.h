@@ -61,6 +61,14 @@ public:
     virtual void requestAccess(AVMediaType mediaType, std::function<void(bool)> completion);
     // Whether screens may be captured (the platform's screen capture preflight).
     virtual bool preflightScreenCaptureAccess() const = 0;
+    // Whether global input may be read (input monitoring), and whether input
+    // may be posted and windows controlled (accessibility control).
+    virtual bool preflightListenEventAccess() const { return preflightScreenCaptureAccess(); }
+    virtual bool preflightPostEventAccess() const { return preflightScreenCaptureAccess(); }
+    // Per-application audio capture: 0 authorized, 1 denied, 2 undetermined.
+    virtual int audioCaptureAccessStatus() const { return 0; }
+    // Asks for per-application audio capture; the answer arrives on another thread.
+    virtual void requestAudioCaptureAccess(std::function<void(bool)> completion);
     // Observes the device list ("devices"): called whenever a device comes,
     // goes, or changes its suspended state.
     KeyValueObservation observeDevices(std::function<void(const std::string& key)> callback) {
@@ -122,6 +130,10 @@ private:
 // synthetic world's answer is fixed.
 bool CGPreflightScreenCaptureAccess();
 bool CGRequestScreenCaptureAccess();
+bool CGPreflightListenEventAccess();
+bool CGRequestListenEventAccess();
+bool CGPreflightPostEventAccess();
+bool CGRequestPostEventAccess();
 
 // A backend with nothing to capture and a clear error for every attempt: what
 // `linux` answers for a kind of source that no Linux API of this machine offers.

@@ -3,6 +3,8 @@
 #include <utility>
 
 #include "foundation/platform_error.h"
+#include "platform/audio_capabilities.h"
+#include "platform/linux/linux_permissions.h"
 #include "platform/os_log.h"
 
 namespace ov::platform {
@@ -99,8 +101,26 @@ std::vector<AVCaptureDeviceRef> LinuxCapturePlatform::devices() const {
     return all;
 }
 
+AVAuthorizationStatus LinuxCapturePlatform::authorizationStatus(AVMediaType mediaType) const {
+    if (mediaType == AVMediaType::video) return linux_permissions::cameraAuthorization();
+    return linux_permissions::isSandboxed() ? AVAuthorizationStatus::restricted : AVAuthorizationStatus::authorized;
+}
+
 bool LinuxCapturePlatform::preflightScreenCaptureAccess() const {
-    return screens_ ? screens_->preflightScreenCaptureAccess() : true;
+    if (linux_permissions::isSandboxed()) return false;
+    return screens_ ? screens_->preflightScreenCaptureAccess() : linux_permissions::xDisplayAccepts();
+}
+
+bool LinuxCapturePlatform::preflightListenEventAccess() const {
+    return !linux_permissions::isSandboxed() && linux_permissions::xDisplayAccepts();
+}
+
+bool LinuxCapturePlatform::preflightPostEventAccess() const {
+    return !linux_permissions::isSandboxed() && linux_permissions::xDisplayAccepts();
+}
+
+int LinuxCapturePlatform::audioCaptureAccessStatus() const {
+    return !linux_permissions::isSandboxed() && isPerApplicationAudioCaptureAvailable() ? 0 : 1;
 }
 
 SCShareableContent LinuxCapturePlatform::shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly) const {

@@ -30,8 +30,15 @@ public:
     std::string name() const override { return "linux"; }
     // Every provider's devices, in provider order.
     std::vector<AVCaptureDeviceRef> devices() const override;
-    AVAuthorizationStatus authorizationStatus(AVMediaType) const override { return AVAuthorizationStatus::authorized; }
+    // See linux_permissions.h. Microphones: restricted in a sandbox, else
+    // authorized (the sound server serves every local client; with no server
+    // there is no microphone, which is the error a recorder then reports).
+    AVAuthorizationStatus authorizationStatus(AVMediaType mediaType) const override;
     bool preflightScreenCaptureAccess() const override;
+    bool preflightListenEventAccess() const override;
+    bool preflightPostEventAccess() const override;
+    // The sound server accepting us: per-application capture needs nothing more.
+    int audioCaptureAccessStatus() const override;
     SCShareableContent shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly) const override;
     std::unique_ptr<ScreenCaptureProducer> startScreenCapture(const SCContentFilter& filter,
                                                               const SCStreamConfiguration& configuration,

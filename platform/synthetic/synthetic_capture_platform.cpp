@@ -184,6 +184,7 @@ private:
 SyntheticCapturePlatform::SyntheticCapturePlatform(SyntheticWorld world)
     : world_(std::move(world)), state_(std::make_shared<State>()) {
     world_.validate();
+    authorization_ = world_.authorization;
     state_->notifyDevices = [this] { notifyDevicesChanged(); };
     for (const auto& model : world_.devices) devices_.push_back(std::make_shared<SyntheticCaptureDevice>(model, state_));
 }
@@ -201,7 +202,37 @@ std::vector<AVCaptureDeviceRef> SyntheticCapturePlatform::devices() const {
 }
 
 AVAuthorizationStatus SyntheticCapturePlatform::authorizationStatus(AVMediaType mediaType) const {
-    return mediaType == AVMediaType::audio ? world_.authorization.microphone : world_.authorization.camera;
+    std::lock_guard lock(authorizationMutex_);
+    return mediaType == AVMediaType::audio ? authorization_.microphone : authorization_.camera;
+}
+
+void SyntheticCapturePlatform::requestAccess(AVMediaType mediaType, std::function<void(bool)> completion) {
+    bool granted;
+    {
+        std::lock_guard lock(authorizationMutex_);
+        auto& status = mediaType == AVMediaType::audio ? authorization_.microphone : authorization_.camera;
+        // Like the system's prompt: asked once, then settled.
+        if (status == AVAuthorizationStatus::notDetermined)
+            status = world_.authorization.grantsRequests ? AVAuthorizationStatus::authorized
+                                                         : AVAuthorizationStatus::denied;
+        granted = status == AVAuthorizationStatus::authorized;
+    }
+    std::thread([granted, completion = std::move(completion)] { completion(granted); }).detach();
+}
+
+int SyntheticCapturePlatform::audioCaptureAccessStatus() const {
+    std::lock_guard lock(authorizationMutex_);
+    return authorization_.systemAudio;
+}
+
+void SyntheticCapturePlatform::requestAudioCaptureAccess(std::function<void(bool)> completion) {
+    bool granted;
+    {
+        std::lock_guard lock(authorizationMutex_);
+        if (authorization_.systemAudio == 2) authorization_.systemAudio = world_.authorization.grantsRequests ? 0 : 1;
+        granted = authorization_.systemAudio == 0;
+    }
+    std::thread([granted, completion = std::move(completion)] { completion(granted); }).detach();
 }
 
 std::shared_ptr<SyntheticCaptureDevice> SyntheticCapturePlatform::syntheticDevice(const std::string& uniqueID) const {

@@ -46,6 +46,11 @@ public:
     std::vector<AVCaptureDeviceRef> devices() const override;
     AVAuthorizationStatus authorizationStatus(AVMediaType mediaType) const override;
     bool preflightScreenCaptureAccess() const override { return world_.authorization.screen; }
+    bool preflightListenEventAccess() const override { return world_.authorization.inputMonitoring; }
+    bool preflightPostEventAccess() const override { return world_.authorization.accessibility; }
+    int audioCaptureAccessStatus() const override;
+    void requestAccess(AVMediaType mediaType, std::function<void(bool)> completion) override;
+    void requestAudioCaptureAccess(std::function<void(bool)> completion) override;
     SCShareableContent shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly) const override;
     std::unique_ptr<ScreenCaptureProducer> startScreenCapture(const SCContentFilter& filter,
                                                               const SCStreamConfiguration& configuration,
@@ -70,6 +75,9 @@ public:
 
 private:
     SyntheticWorld world_;
+    // Statuses that requests settle; start as the world's.
+    mutable std::mutex authorizationMutex_;
+    SyntheticAuthorization authorization_;
     std::shared_ptr<State> state_;
     std::vector<std::shared_ptr<SyntheticCaptureDevice>> devices_;
 };

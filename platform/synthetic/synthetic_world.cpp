@@ -421,11 +421,25 @@ SyntheticWorld SyntheticWorld::decode(const coding::Json& json) {
 
     if (auto audio = root.ifPresent("systemAudio")) world.systemAudio = decodeAudio(*audio, world.systemAudio);
     if (auto authorization = root.ifPresent("authorization")) {
-        requireKnownKeys(*authorization, "Authorization", {"camera", "microphone", "screen"});
+        requireKnownKeys(*authorization, "Authorization",
+                         {"camera", "microphone", "screen", "inputMonitoring", "accessibility", "systemAudio",
+                          "grantsRequests"});
         if (auto camera = authorization->ifPresent("camera")) world.authorization.camera = decodeStatus(*camera);
         if (auto microphone = authorization->ifPresent("microphone"))
             world.authorization.microphone = decodeStatus(*microphone);
         world.authorization.screen = decodeOr<bool>(*authorization, "screen", true);
+        world.authorization.inputMonitoring = decodeOr<bool>(*authorization, "inputMonitoring", true);
+        world.authorization.accessibility = decodeOr<bool>(*authorization, "accessibility", true);
+        world.authorization.grantsRequests = decodeOr<bool>(*authorization, "grantsRequests", true);
+        if (auto systemAudio = authorization->ifPresent("systemAudio")) {
+            const auto text = systemAudio->decode<std::string>();
+            if (text == "authorized") world.authorization.systemAudio = 0;
+            else if (text == "denied") world.authorization.systemAudio = 1;
+            else if (text == "undetermined") world.authorization.systemAudio = 2;
+            else
+                systemAudio->throwDataCorrupted("Unknown system audio status \"" + text +
+                                                "\"; expected authorized, denied or undetermined");
+        }
     }
 
     // What the decoder can't pin to one value (sizes too small for the

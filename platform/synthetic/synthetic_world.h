@@ -28,7 +28,11 @@
 //     }],
 //     "cameras": [DEVICE], "microphones": [DEVICE], "phones": [DEVICE],
 //     "systemAudio": AUDIO,            what screen streams capture as system audio
-//     "authorization": {"camera": "authorized", "microphone": "authorized", "screen": true}
+//     "authorization": {"camera": "authorized", "microphone": "authorized", "screen": true,
+//                       "inputMonitoring": true, "accessibility": true,
+//                       "systemAudio": "authorized",   authorized, denied or undetermined
+//                       "grantsRequests": true}        what a request of a notDetermined
+//                                                      camera or microphone answers
 //                                      statuses: notDetermined, restricted, denied, authorized
 //   }
 //
@@ -176,6 +180,13 @@ struct SyntheticAuthorization {
     AVAuthorizationStatus camera = AVAuthorizationStatus::authorized;
     AVAuthorizationStatus microphone = AVAuthorizationStatus::authorized;
     bool screen = true;
+    bool inputMonitoring = true;
+    bool accessibility = true;
+    // 0 authorized, 1 denied, 2 undetermined: per-application audio capture.
+    int systemAudio = 0;
+    // The answer to a request while the camera or microphone is notDetermined;
+    // the status then settles to authorized or denied.
+    bool grantsRequests = true;
 };
 
 struct SyntheticWorld {
