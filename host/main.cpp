@@ -13,6 +13,7 @@
 #include <CLI/CLI.hpp>
 
 #include "host/globals.h"
+#include "sources/capture_device_discovery.h"
 #include "platform/dispatch_queue.h"
 
 namespace {
@@ -58,6 +59,8 @@ int main(int argc, char** argv) {
 
     (void)ov::host::Globals::livePreviewServer();
 
+    // Errors name the real state of a missing camera or microphone.
+    ov::installCaptureDeviceSourceLookup();
     std::thread(readerTask).detach();
     ov::platform::DispatchQueue::runMain();
 }

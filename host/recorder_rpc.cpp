@@ -6,6 +6,7 @@
 #include "platform/audio_capabilities.h"
 #include "platform/capture_platform.h"
 #include "session/ov_bundle_info.h"
+#include "sources/capture_device_discovery.h"
 #include "foundation/ov_error.h"
 
 namespace ov::coding {
@@ -101,9 +102,18 @@ Json getWindows() {
     return list;
 }
 
-Json getDevices(AVMediaType mediaType) {
+// From the discoveries: connected devices, sorted by name, with availability.
+Json getDevices(CaptureDeviceDiscovery& discovery, bool includeDeskView) {
     Json list = Json::array();
-    for (const auto& device : devicesWith(mediaType)) list.push_back(deviceJSON(*device));
+    for (const auto& device : discovery.devices(includeDeskView)) {
+        Json record = Json::object();
+        record["id"] = device->id;
+        record["name"] = device->localizedName();
+        record["model_id"] = device->modelID();
+        record["manufacturer"] = device->manufacturer();
+        record["availability"] = std::string(caseName(device->availability()));
+        list.push_back(std::move(record));
+    }
     return list;
 }
 
@@ -207,11 +217,16 @@ std::optional<Json> RecorderRPC::performType(const std::string& action, const HV
     if (action == "getDisplays") return getDisplays();
     if (action == "getWindows") return getWindows();
     if (action == "getCameras") {
-        // Desk View is a camera of its own on other systems; Linux has none to leave out.
-        (void)decodeParams<GetCamerasParams>(params);
-        return getDevices(AVMediaType::video);
+        const auto decoded = decodeParams<GetCamerasParams>(params);
+        auto discovery = CaptureDeviceDiscovery::sharedCameras();
+        discovery->update();
+        return getDevices(*discovery, decoded.includeDeskView);
     }
-    if (action == "getMicrophones") return getDevices(AVMediaType::audio);
+    if (action == "getMicrophones") {
+        auto discovery = CaptureDeviceDiscovery::sharedMicrophones();
+        discovery->update();
+        return getDevices(*discovery, true);
+    }
     if (action == "getAppleDevices") return getAppleDevices();
     if (action == "getRunningApplications") return getRunningApplications();
     throw HVRPCError(HVRPCStatusCode::notFound, "Unknown action '" + action + "'.");

@@ -202,7 +202,15 @@ std::vector<AVCaptureDeviceRef> AVCaptureDeviceDiscoverySession::devices() const
     std::vector<AVCaptureDeviceRef> result;
     for (auto& device : CapturePlatform::shared()->devices()) {
         if (mediaType_ && !device->hasMediaType(*mediaType_)) continue;
-        if (std::find(deviceTypes_.begin(), deviceTypes_.end(), device->deviceType()) == deviceTypes_.end()) continue;
+        const bool typeListed =
+            std::find(deviceTypes_.begin(), deviceTypes_.end(), device->deviceType()) != deviceTypes_.end();
+        // Linux's sound server does not tell built-in microphones from others:
+        // asking for built-in microphones asks for every microphone, as the
+        // platform's own older API did.
+        const bool anyMicrophone =
+            device->hasMediaType(AVMediaType::audio) && !device->hasMediaType(AVMediaType::muxed) &&
+            std::find(deviceTypes_.begin(), deviceTypes_.end(), AVCaptureDeviceTypeBuiltInMicrophone) != deviceTypes_.end();
+        if (!typeListed && !anyMicrophone) continue;
         result.push_back(std::move(device));
     }
     return result;

@@ -1,5 +1,8 @@
 #include "platform/capture_platform.h"
 
+#include <algorithm>
+#include <fstream>
+
 #include "platform/linux/linux_capture_platform.h"
 
 #include <cstdlib>
@@ -27,6 +30,18 @@ AVCaptureDeviceRef CapturePlatform::device(const std::string& uniqueID) const {
     for (auto& device : devices())
         if (device->uniqueID() == uniqueID) return device;
     return nullptr;
+}
+
+std::optional<std::string> CapturePlatform::machineModel() const {
+    std::ifstream in("/sys/class/dmi/id/product_name");
+    std::string model;
+    if (!in || !std::getline(in, model)) return std::nullopt;
+    // Control characters trimmed, as the firmware pads the field.
+    model.erase(std::remove_if(model.begin(), model.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }),
+                model.end());
+    while (!model.empty() && model.back() == ' ') model.pop_back();
+    if (model.empty()) return std::nullopt;
+    return model;
 }
 
 AVCaptureDeviceRef CapturePlatform::defaultDevice(AVMediaType mediaType) const {

@@ -21,6 +21,7 @@
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,10 @@ public:
 
     // "linux", "synthetic".
     virtual std::string name() const = 0;
+
+    // The machine's model identifier ("MacBookPro16,1" on such hardware), or
+    // absent where it can't be read: the DMI product name on Linux.
+    virtual std::optional<std::string> machineModel() const;
 
     // ---- Devices.
     // The connected devices, in a stable order.

@@ -49,6 +49,7 @@ public:
     bool preflightListenEventAccess() const override { return world_.authorization.inputMonitoring; }
     bool preflightPostEventAccess() const override { return world_.authorization.accessibility; }
     int audioCaptureAccessStatus() const override;
+    std::optional<std::string> machineModel() const override { return world_.machineModel; }
     void requestAccess(AVMediaType mediaType, std::function<void(bool)> completion) override;
     void requestAudioCaptureAccess(std::function<void(bool)> completion) override;
     SCShareableContent shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly) const override;

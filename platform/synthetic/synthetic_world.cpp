@@ -346,8 +346,9 @@ SyntheticWorld SyntheticWorld::decode(const coding::Json& json) {
     const Decoder root(json);
     requireKnownKeys(root, "SyntheticWorld",
                      {"displays", "applications", "windows", "cameras", "microphones", "phones", "systemAudio",
-                      "authorization"});
+                      "authorization", "machineModel"});
     SyntheticWorld world;
+    world.machineModel = root.decodeIfPresent<std::string>("machineModel");
     auto eachOf = [&](std::string_view key, std::string_view typeName, auto&& body) {
         auto list = root.ifPresent(key);
         if (!list) return;

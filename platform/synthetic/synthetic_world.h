@@ -28,6 +28,7 @@
 //     }],
 //     "cameras": [DEVICE], "microphones": [DEVICE], "phones": [DEVICE],
 //     "systemAudio": AUDIO,            what screen streams capture as system audio
+//     "machineModel": "MacBookPro16,1", the machine's model identifier (absent: unknown)
 //     "authorization": {"camera": "authorized", "microphone": "authorized", "screen": true,
 //                       "inputMonitoring": true, "accessibility": true,
 //                       "systemAudio": "authorized",   authorized, denied or undetermined
@@ -190,6 +191,8 @@ struct SyntheticAuthorization {
 };
 
 struct SyntheticWorld {
+    // The machine's model identifier; absent: none can be read.
+    std::optional<std::string> machineModel;
     std::vector<SyntheticDisplay> displays;
     std::vector<SyntheticApplication> applications;
     std::vector<SyntheticWindow> windows;
