@@ -110,11 +110,14 @@ public:
 protected:
     explicit VideoRecordingCoordinator(Settings settings);
 
+    // Points the retimers' and the chopper's handlers at this object (weakly);
+    // once, right after construction.
+    void install();
+
     Settings settings_;
     Logger logger_;
 
 private:
-    void install();
     void retimeAndAppendAudio(const platform::CMSampleBuffer& sample);
     void failAudio(const platform::CMSampleBuffer& sample, std::exception_ptr error);
     void failVideo(const platform::CMSampleBuffer& frame, const platform::CMTime& time,
