@@ -13,6 +13,7 @@
 #include "session/disk_space_info.h"
 #include "session/recorder_assembly.h"
 #include "support/log_capture.h"
+#include "support/media_probe.h"
 #include "support/temp_directory.h"
 #include "timing/volatile_recording_timeline.h"
 #include "video/shareable_content.h"
@@ -404,6 +405,35 @@ TEST(ScreenRecorder, AStreamThatStopsWithAnErrorAbortsAndAFullVolumeSaysSo) {
     assembly.live->start(Assembly::now());
     assembly.live->stop(Assembly::now());
     recorder->finish();
+}
+
+TEST(ScreenRecorder, PausingAndResumingKeepsOneFramePerThirtiethOfTheTimeline) {
+    SyntheticWorld world;
+    world.displays = {display(1, {{0, 0}, {640, 360}})};
+    World installed(world);
+    LogCapture log;
+    Assembly assembly;
+    auto recorder = screen(makeScreenRecorders(displayItem("pr", 1), assembly.context(log.logger)));
+    recorder->prepare();
+    auto& live = *assembly.live;
+    live.start(Assembly::now());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    live.pause(Assembly::now());
+    std::this_thread::sleep_for(std::chrono::milliseconds(800));
+    live.start(Assembly::now());
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    live.stop(Assembly::now());
+    recorder->finish();
+    StableRecordingTimeline timeline(assembly.live);
+    const double duration = timeline.duration();
+    EXPECT_NEAR(duration, 3.0, 0.2);
+    const auto info = testing::probeMedia(assembly.dir / "display-pr.mov");
+    ASSERT_EQ(info["streams"].size(), 1u) << info.dump();
+    const int packets = std::stoi(info["streams"][0]["nb_read_packets"].get<std::string>());
+    // One frame per 1/30 s of each interval, give or take one per interval.
+    EXPECT_NEAR(packets, duration * 30, 2.0) << packets << " packets for " << duration << " s";
+    EXPECT_EQ(recorder->droppedVideoFrames(), 0u);
+    EXPECT_TRUE(assembly.aborts.empty());
 }
 
 }  // namespace
