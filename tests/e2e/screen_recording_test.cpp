@@ -152,15 +152,27 @@ TEST_F(ScreenRecording, ADisplayRecordsEveryFrameOnceWithItsSizesAndColourTags) 
 
     const auto times = packetTimes(bundle / "screen.mov");
     ASSERT_FALSE(times.empty());
-    EXPECT_NEAR(double(times.size()), duration * 30, 1.0) << "packets " << times.size() << " for " << duration;
+    // The frame shown at the start opens the output at 0, every capture follows
+    // at its own time and the last is held to the end: one or two more than
+    // the duration's thirtieths, fewer by what the encoder's input refused.
+    EXPECT_NEAR(double(times.size()), duration * 30, 2.0) << "packets " << times.size() << " for " << duration;
     EXPECT_EQ(times.front(), 0.0);
     EXPECT_NEAR(times.back(), duration, 1.0 / 30 + 1e-3);
 
-    // Between the first and the closing frame (the last one held to the end),
-    // every captured frame appears once, in order.
+    // Every captured frame appears once and in order, the last one held to the
+    // end. A frame is missing only where the writer's input refused it (a
+    // busy encoder), which the log counts.
     const auto counters = frameCounters(bundle / "screen.mov", 1920);
     ASSERT_EQ(counters.size(), times.size());
-    for (size_t i = 1; i + 1 < counters.size(); ++i) ASSERT_EQ(counters[i], counters[i - 1] + 1) << "at frame " << i;
+    std::smatch dropped;
+    const auto log = readFile(bundle / "orvane.log");
+    ASSERT_TRUE(std::regex_search(log, dropped, std::regex("droppedByInput=([0-9]+)")));
+    uint32_t missing = 0;
+    for (size_t i = 1; i + 1 < counters.size(); ++i) {
+        ASSERT_GT(counters[i], counters[i - 1]) << "a frame repeated or out of order at " << i;
+        missing += counters[i] - counters[i - 1] - 1;
+    }
+    EXPECT_LE(missing, std::stoul(dropped[1])) << "frames lost on the way to the writer";
     EXPECT_LE(counters.back() - counters[counters.size() - 2], 1u);
 }
 
@@ -284,13 +296,15 @@ TEST_F(ScreenRecording, AnIdleDisplayGivesOneFrameASecondAndHoldsTheLastToTheEnd
     const auto counters = frameCounters(bundle / "idle.mov", 640);
     ASSERT_EQ(counters.size(), times.size());
     ASSERT_GE(times.size(), 4u);
-    EXPECT_NEAR(times.back(), duration, 1.0 / 30 + 1e-3);
+    // The last picture lasts to the end of the recording.
+    const auto info = probeMedia(bundle / "idle.mov");
+    EXPECT_NEAR(std::stod(info["streams"][0]["duration"].get<std::string>()), duration, 1.0 / 30);
     // The idle stretch: the same picture at about one-second steps.
     const uint32_t still = counters.back();
     size_t firstStill = counters.size() - 1;
     while (firstStill > 0 && counters[firstStill - 1] == still) --firstStill;
     ASSERT_LE(firstStill + 3, counters.size()) << "fewer repeats than the idle time asks for";
-    for (size_t i = firstStill + 1; i + 1 < times.size(); ++i) EXPECT_NEAR(times[i] - times[i - 1], 1.0, 0.15) << i;
+    for (size_t i = firstStill + 1; i + 1 < times.size(); ++i) EXPECT_NEAR(times[i] - times[i - 1], 1.0, 0.25) << i;
 }
 
 TEST_F(ScreenRecording, AKilledRecordingLeavesAPlayableMovie) {
