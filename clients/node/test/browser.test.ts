@@ -87,6 +87,10 @@ function serve(roots: Record<string, string>): Promise<Server> {
       response.writeHead(200, { 'content-type': contentTypes['.html'] ?? '' }).end(page);
       return;
     }
+    if (url.pathname === '/favicon.ico') {
+      response.writeHead(204).end();
+      return;
+    }
     if (url.pathname === '/hls.js') file = hlsScript;
     const [, root, name] = /^\/([a-z]+)\/([\w.-]+)$/.exec(url.pathname) ?? [];
     if (root && name && roots[root]) file = path.join(roots[root], name);
@@ -189,6 +193,8 @@ describe('playback in headless Chromium', () => {
     const report = (await tab.evaluate('window.report')) as { hls: PlaybackReport; file: PlaybackReport };
     await tab.close();
 
+    t.diagnostic(`hls.js: ended at ${report.hls.currentTime} s of ${report.hls.duration} s; ${segmented.info.duration} s recorded`);
+    t.diagnostic(`<audio>: ended at ${report.file.currentTime} s of ${report.file.duration} s; ${single.info.duration} s recorded`);
     assert.deepEqual(consoleErrors, []);
     assert.deepEqual(report.hls.errors, []);
     assert.ok(report.hls.ended, JSON.stringify(report.hls));

@@ -7,12 +7,39 @@ import { createInterface } from 'node:readline';
 const write = (message: unknown) => process.stdout.write(JSON.stringify(message) + '\n');
 
 process.stderr.write('fake engine starting\n');
+// A recorder whose recording ends on its own right after it starts.
+const abortTargets = new Map<string, string>();
+const abortedResult = { url: '/tmp/aborted.orvane', info: { version: 1, files: [{ type: 'audio', filename: 'mic.m4a' }], duration: 0.25 } };
+
 const lines = createInterface({ input: process.stdin });
 lines.on('line', (line) => {
-  const request = JSON.parse(line) as { id: string; action?: string; params?: unknown };
+  const request = JSON.parse(line) as { id: string; procedure: string; target?: string; action?: string; params?: unknown };
   const action = request.action ?? '';
   const status = /^status(\d+)$/.exec(action);
-  if (status) {
+  const abortTarget = abortTargets.get(request.target ?? '');
+  if (request.procedure === 'init') {
+    const params = request.params as { onAbortInstance?: string } | undefined;
+    if (request.target && params?.onAbortInstance) abortTargets.set(request.target, params.onAbortInstance);
+    write({ hvrpc: 1, status: 200, id: request.id });
+  } else if (request.procedure === 'release') {
+    write({ hvrpc: 1, status: 200, id: request.id });
+  } else if (abortTarget && action === 'start') {
+    write({ hvrpc: 1, status: 200, id: request.id });
+    setTimeout(() => {
+      write({
+        hvrpc: 1,
+        procedure: 'perform',
+        target: abortTarget,
+        params: {
+          reason: 'interrupted',
+          result: abortedResult,
+          error: { name: 'OrvaneError', code: 'microphoneUnavailable', codeNumber: -1201, message: 'The microphone went away.', debugDescription: 'gone' },
+        },
+      });
+    }, 50);
+  } else if (abortTarget && action === 'stop') {
+    write({ hvrpc: 1, status: 200, id: request.id, result: abortedResult });
+  } else if (status) {
     write({
       hvrpc: 1,
       id: request.id,

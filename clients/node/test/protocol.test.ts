@@ -23,6 +23,7 @@ import {
   errorFromPayload,
   orvaneErrorCodes,
   type EngineExit,
+  type RecorderAbort,
 } from '../src/index.js';
 import { sleep, startSynthetic, syntheticMicrophone, worldWithMicrophoneFault } from './support.js';
 
@@ -220,6 +221,36 @@ describe('a stand-in engine', () => {
     assert.equal(exits.length, 1);
     assert.equal(closed, exits[0]);
     assert.equal(closed.expected, false);
+  });
+
+  it('routes the abort callback to onAbort with its error as OrvaneError', async () => {
+    const client = await startFake();
+    try {
+      const aborts: RecorderAbort[] = [];
+      const recorder = await client.createRecorder(
+        { items: [{ type: 'microphone', microphone: 'm', output: 'stream' }] },
+        { onAbort: (abort) => aborts.push(abort) },
+      );
+      const events: RecorderAbort[] = [];
+      recorder.on('abort', (abort) => events.push(abort));
+      const buffers = recorder.audio(0);
+      await recorder.start();
+      // The stream ends with the recording.
+      assert.deepEqual(await buffers.next(), { value: undefined, done: true });
+      assert.equal(aborts.length, 1);
+      assert.deepEqual(events, aborts);
+      const abort = aborts[0];
+      assert.equal(abort?.reason, 'interrupted');
+      assert.equal(abort?.result?.url, '/tmp/aborted.orvane');
+      assert.ok(abort?.error instanceof OrvaneError);
+      assert.equal(abort.error.code, 'microphoneUnavailable');
+      assert.equal(abort.error.codeNumber, -1201);
+      assert.equal(abort.error.message, 'The microphone went away.');
+      assert.deepEqual(await recorder.stop(), abort.result);
+      await recorder.release();
+    } finally {
+      await client.close();
+    }
   });
 
   it('fails to start an executable that does not exist', async () => {

@@ -18,7 +18,7 @@ import {
   type SchemaItem,
   type SegmentEvent,
 } from '../src/index.js';
-import { probeAudio, scratchFolder, sleep, startSynthetic, syntheticMicrophone, worldWithMicrophoneFault } from './support.js';
+import { probeAudio, scratchFolder, sleep, startSynthetic, syntheticMicrophone } from './support.js';
 
 describe('the typed API on the synthetic world', () => {
   let client: OrvaneClient;
@@ -236,15 +236,21 @@ describe('the typed API on the synthetic world', () => {
 });
 
 describe('a recording that ends on its own', () => {
-  it('delivers the abort to onAbort, and stop answers with the same result', async () => {
-    const client = await startSynthetic({ world: worldWithMicrophoneFault({ kind: 'stopsWithError', after: 0.4 }) });
+  it('delivers the abort to onAbort, and stop answers with the same result', async (t) => {
+    // A display whose capture fails soon after it starts. Microphones end a
+    // recording only on a writer failure, which this engine reports at stop.
+    const client = await startSynthetic({
+      world: {
+        displays: [{ id: 1, frame: { x: 0, y: 0, width: 640, height: 480 }, faults: [{ kind: 'stopsWithError', after: 0.3 }] }],
+      },
+    });
     try {
       const bundle = path.join(scratchFolder(), 'aborted.orvane');
       let resolveAbort: (abort: RecorderAbort) => void = () => {};
       const aborted = new Promise<RecorderAbort>((resolve) => (resolveAbort = resolve));
       const onAbortCalls: RecorderAbort[] = [];
       const recorder = await client.createRecorder(
-        { output_directory: bundle, items: [{ type: 'microphone', microphone: syntheticMicrophone }] },
+        { output_directory: bundle, items: [{ type: 'display', display: 1 }] },
         {
           onAbort: (abort) => {
             onAbortCalls.push(abort);
@@ -252,19 +258,25 @@ describe('a recording that ends on its own', () => {
           },
         },
       );
+      try {
+        await recorder.prepare();
+      } catch (error) {
+        await recorder.release();
+        if (error instanceof OrvaneError && error.code === 'configurationNotSupported') {
+          t.skip(`no source of this engine can end a recording on its own yet (display: ${error.message})`);
+          return;
+        }
+        throw error;
+      }
       await recorder.start();
       const abort = await Promise.race([aborted, sleep(5000).then(() => undefined)]);
       assert.ok(abort, 'no abort within 5 s');
-      assert.ok(abort.reason === 'failed' || abort.reason === 'interrupted', abort.reason);
-      assert.ok(abort.error instanceof OrvaneError || abort.error instanceof PlatformError, String(abort.error));
+      assert.equal(abort.reason, 'interrupted');
+      assert.ok(abort.error instanceof OrvaneError, String(abort.error));
+      assert.equal(abort.error.code, 'screenCaptureStoppedWithError');
       assert.equal(abort.result?.url, bundle);
       assert.equal(recorder.abort, abort);
-      const stopped = await recorder.stop().then(
-        (result) => ({ result }),
-        (error: unknown) => ({ error }),
-      );
-      if ('result' in stopped) assert.deepEqual(stopped.result, abort.result);
-      else assert.ok(stopped.error instanceof OrvaneClientError);
+      assert.deepEqual(await recorder.stop(), abort.result);
       await recorder.release();
       await sleep(100);
       assert.equal(onAbortCalls.length, 1);
