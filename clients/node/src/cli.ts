@@ -229,7 +229,10 @@ async function record(client: OrvaneClient, values: Values): Promise<number> {
       stopRequested();
     },
   });
-  recorder.on('segment', () => segments++);
+  // Media segments only: the init segment of each playlist is announced too.
+  recorder.on('segment', ({ path: file }) => {
+    if (!file.endsWith('.mp4')) segments++;
+  });
   const readers = schema.items.flatMap((item, index) =>
     'output' in item && item.output === 'stream'
       ? [

@@ -138,7 +138,7 @@ export class Recorder extends EventEmitter<RecorderEvents> {
   private released = false;
 
   static async create(client: OrvaneClient, schema: RecorderSchema, options: RecorderOptions): Promise<Recorder> {
-    const recorder = new Recorder(client, schema, options);
+    const recorder = new Recorder(client, schema);
     const abortTarget = recorder.listen('abort', (params) => recorder.handleAbort(params, options));
     try {
       await client.request({
@@ -154,7 +154,7 @@ export class Recorder extends EventEmitter<RecorderEvents> {
     return recorder;
   }
 
-  private constructor(client: OrvaneClient, schema: RecorderSchema, _options: RecorderOptions) {
+  private constructor(client: OrvaneClient, schema: RecorderSchema) {
     super();
     this.client = client;
     this.target = client.newIdentifier('recorder');
