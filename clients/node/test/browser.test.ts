@@ -126,7 +126,6 @@ async function recordMicrophone(item: 'segmented' | 'singleFile', seconds: numbe
 }
 
 async function launchChromium(): Promise<Browser | string> {
-  if (!existsSync(chromiumPath)) return `${chromiumPath} is not installed (scripts/setup.sh installs Debian's chromium)`;
   try {
     const { chromium } = await import('playwright-core');
     return await chromium.launch({
@@ -148,6 +147,10 @@ describe('playback in headless Chromium', () => {
   let server: Server | undefined;
 
   before(async () => {
+    if (!existsSync(chromiumPath)) {
+      browser = `${chromiumPath} is not installed (scripts/setup.sh installs Debian's chromium)`;
+      return;
+    }
     const folder = scratchFolder();
     // Two segments of 6 s: the player has to move from one segment to the next.
     [browser, segmented, single] = await Promise.all([
