@@ -3,6 +3,8 @@
 
 import assert from 'node:assert/strict';
 import { after, before, describe, it } from 'node:test';
+import { writeFileSync } from 'node:fs';
+import path from 'node:path';
 import { fileURLToPath } from 'node:url';
 
 import {
@@ -22,10 +24,11 @@ import {
   UnsupportedVersionError,
   errorFromPayload,
   orvaneErrorCodes,
+  resolveEngineExecutable,
   type EngineExit,
   type RecorderAbort,
 } from '../src/index.js';
-import { sleep, startSynthetic, syntheticMicrophone, worldWithMicrophoneFault } from './support.js';
+import { packageRoot, scratchFolder, sleep, startSynthetic, syntheticMicrophone, worldWithMicrophoneFault } from './support.js';
 
 const fakeEngine = fileURLToPath(new URL('./fake-engine.js', import.meta.url));
 
@@ -129,6 +132,19 @@ describe('protocol statuses from the real engine', () => {
       answers,
       Array.from({ length: 40 }, (_, i) => (i % 3 === 2 ? 'status 202' : 'pong')),
     );
+  });
+});
+
+describe('the engine a client starts', () => {
+  it('is the explicit path, else $ORVANE_RPC_PATH, else the one built beside the package, else orvane-rpc on the PATH', () => {
+    const repository = path.resolve(packageRoot, '..', '..');
+    const built = scratchFolder();
+    writeFileSync(path.join(built, 'orvane-rpc'), '', { mode: 0o755 });
+    assert.equal(resolveEngineExecutable('/opt/x/orvane-rpc', { ORVANE_RPC_PATH: '/env/orvane-rpc' }), '/opt/x/orvane-rpc');
+    assert.equal(resolveEngineExecutable(undefined, { ORVANE_RPC_PATH: '/env/orvane-rpc', ORVANE_BUILD_DIR: built }), '/env/orvane-rpc');
+    assert.equal(resolveEngineExecutable(undefined, { ORVANE_BUILD_DIR: built }), path.join(built, 'orvane-rpc'));
+    assert.equal(resolveEngineExecutable(undefined, { ORVANE_BUILD_DIR: path.relative(repository, built) }), path.join(built, 'orvane-rpc'));
+    assert.equal(resolveEngineExecutable(undefined, { ORVANE_BUILD_DIR: scratchFolder() }), 'orvane-rpc');
   });
 });
 
