@@ -17,6 +17,8 @@ packages=(
   libpulse-dev pulseaudio pulseaudio-utils
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
+  # the Node client's playback test plays recordings in a real browser
+  chromium
 )
 
 missing=()
@@ -25,6 +27,11 @@ for p in "${packages[@]}"; do
     missing+=("$p")
   fi
 done
+
+# Node.js and npm for clients/node: Debian's, unless a node is on the PATH
+# already (NodeSource's nodejs bundles npm and conflicts with Debian's npm).
+command -v node >/dev/null 2>&1 || missing+=(nodejs)
+command -v npm >/dev/null 2>&1 || missing+=(npm)
 
 if [ ${#missing[@]} -eq 0 ]; then
   exit 0
