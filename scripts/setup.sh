@@ -17,6 +17,8 @@ packages=(
   libpulse-dev pulseaudio pulseaudio-utils
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
+  # sanitizer builds and the libFuzzer target
+  clang libclang-rt-14-dev
 )
 
 missing=()
