@@ -212,7 +212,43 @@ uint64_t decodeUnsigned(const Decoder& d, std::string_view typeName, uint64_t ma
     return static_cast<uint64_t>(v);
 }
 
+namespace {
+// Deepest nesting of arrays and objects in `text`, brackets inside strings not
+// counted; stops counting once `limit` is passed.
+size_t nestingDepth(std::string_view text, size_t limit) {
+    size_t depth = 0, deepest = 0;
+    bool inString = false, escaped = false;
+    for (const char c : text) {
+        if (inString) {
+            if (escaped) escaped = false;
+            else if (c == '\\') escaped = true;
+            else if (c == '"') inString = false;
+            continue;
+        }
+        switch (c) {
+            case '"': inString = true; break;
+            case '[':
+            case '{':
+                if (++depth > deepest && (deepest = depth) > limit) return deepest;
+                break;
+            case ']':
+            case '}':
+                if (depth > 0) --depth;
+                break;
+            default: break;
+        }
+    }
+    return deepest;
+}
+}  // namespace
+
 Json parseJSON(std::string_view text) {
+    // The parser, the destructor and every walk over a value recurse once per
+    // level: a hostile line nested 100,000 deep would overflow the stack. No
+    // message of the protocol comes near this depth.
+    if (nestingDepth(text, maxNestingDepth) > maxNestingDepth)
+        throw DecodingError::dataCorrupted(
+            {}, fmt::format("The given data was not valid JSON: nested deeper than {} levels.", maxNestingDepth));
     Json value = Json::parse(text, nullptr, /*allow_exceptions=*/false);
     if (value.is_discarded())
         throw DecodingError::dataCorrupted({}, "The given data was not valid JSON.");

@@ -225,7 +225,11 @@ struct Decodable<std::map<std::string, T>> {
     }
 };
 
-// Parses a line of text into JSON; data corrupted (empty path) when it is not JSON.
+// Arrays and objects nested deeper than this are refused by parseJSON.
+inline constexpr size_t maxNestingDepth = 512;
+
+// Parses a line of text into JSON; data corrupted (empty path) when it is not
+// JSON or is nested deeper than maxNestingDepth.
 Json parseJSON(std::string_view text);
 
 // One message as its wire line, without the newline. Non-finite numbers cannot

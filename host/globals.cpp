@@ -2,15 +2,47 @@
 
 #include <unistd.h>
 
-#include <mutex>
+#include <cstdlib>
 #include <string>
+
+#include <fmt/format.h>
 
 #include "host/authorization_status_rpc.h"
 #include "host/echo_rpc.h"
 #include "host/logger_rpc.h"
+#include "host/outgoing_queue.h"
 #include "host/recorder_rpc.h"
+#include "output/ov_logger.h"
 
 namespace ov::host::Globals {
+
+namespace {
+
+size_t streamDataLimitBytes() {
+    if (const char* text = std::getenv("ORVANE_STREAM_QUEUE_LIMIT_BYTES")) {
+        char* end = nullptr;
+        const unsigned long long value = std::strtoull(text, &end, 10);
+        if (end != text && *end == '\0' && value > 0) return static_cast<size_t>(value);
+    }
+    return defaultStreamDataLimitBytes;
+}
+
+OutgoingQueue& outgoing() {
+    // Never destroyed: threads of the recordings may send until the process ends.
+    static OutgoingQueue* queue = new OutgoingQueue(
+        STDOUT_FILENO, streamDataLimitBytes(), [](uint64_t dropped, bool caughtUp) {
+            Logger logger("Globals");
+            if (!caughtUp)
+                logger.warning("The host is not reading standard output, dropping the oldest streamed audio.");
+            else
+                logger.warning([&] {
+                    return fmt::format("Dropped {} streamed audio callbacks while the host was not reading.", dropped);
+                });
+        });
+    return *queue;
+}
+
+}  // namespace
 
 std::vector<HVRPCTypeRegistration> registeredTypes() {
     std::vector<HVRPCTypeRegistration> types;
@@ -22,7 +54,12 @@ std::vector<HVRPCTypeRegistration> registeredTypes() {
 }
 
 HalvernRPC& hvRpc() {
-    static std::shared_ptr<HalvernRPC> engine = HalvernRPC::create(&send, registeredTypes());
+    static std::shared_ptr<HalvernRPC> engine = HalvernRPC::create(
+        HalvernRPC::Senders{[](std::string_view bytes) { outgoing().send(bytes, OutgoingQueue::Kind::response); },
+                            &send, [](std::string_view bytes) {
+                                outgoing().send(bytes, OutgoingQueue::Kind::streamData);
+                            }},
+        registeredTypes());
     return *engine;
 }
 
@@ -31,24 +68,8 @@ std::shared_ptr<LivePreviewServer> livePreviewServer() {
     return nullptr;
 }
 
-void send(std::string_view bytes) {
-    std::string buffer;
-    buffer.reserve(bytes.size() + 1);
-    buffer.append(bytes);
-    buffer.push_back('\n');
-    // A pipe keeps single writes of up to 64 KiB whole; streamed audio can be
-    // larger, so writers take turns for the whole line.
-    static std::mutex mutex;
-    std::lock_guard lock(mutex);
-    const char* p = buffer.data();
-    size_t left = buffer.size();
-    while (left > 0) {
-        const ssize_t n = ::write(STDOUT_FILENO, p, left);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return;  // the host is gone; nothing to report to
-        p += n;
-        left -= static_cast<size_t>(n);
-    }
-}
+void send(std::string_view bytes) { outgoing().send(bytes, OutgoingQueue::Kind::callback); }
+
+bool flushOutput(std::chrono::milliseconds timeout) { return outgoing().flush(timeout); }
 
 }  // namespace ov::host::Globals

@@ -67,10 +67,17 @@ std::string describeForLog(const std::exception& error) { return platform::descr
 
 }  // namespace
 
-HalvernRPC::HalvernRPC(SendFunction send) : send_(std::move(send)) {}
+HalvernRPC::HalvernRPC(Senders senders)
+    : send_(std::move(senders.response)),
+      sendCallback_(senders.callback ? std::move(senders.callback) : send_),
+      sendStreamData_(senders.streamData ? std::move(senders.streamData) : sendCallback_) {}
 
 std::shared_ptr<HalvernRPC> HalvernRPC::create(SendFunction send, std::vector<HVRPCTypeRegistration> types) {
-    std::shared_ptr<HalvernRPC> engine(new HalvernRPC(std::move(send)));
+    return create(Senders{std::move(send), nullptr, nullptr}, std::move(types));
+}
+
+std::shared_ptr<HalvernRPC> HalvernRPC::create(Senders senders, std::vector<HVRPCTypeRegistration> types) {
+    std::shared_ptr<HalvernRPC> engine(new HalvernRPC(std::move(senders)));
     for (auto& type : types) engine->registerType(std::move(type));
     return engine;
 }
@@ -206,8 +213,12 @@ std::optional<Json> HalvernRPC::handle(const Json& message) {
 
     if (procedure == "release" || procedure == "manual-release") {
         if (!request.target) throw HVRPCError(HVRPCStatusCode::badRequest, "Missing target for release procedure.");
-        auto node = targets_.extract(*request.target);
-        if (node.empty()) throw HVRPCError(HVRPCStatusCode::notFound, "Target '" + *request.target + "' not found.");
+        auto found = targets_.find(*request.target);
+        if (found == targets_.end())
+            throw HVRPCError(HVRPCStatusCode::notFound, "Target '" + *request.target + "' not found.");
+        // A recording is finished (files, description, log) before its object goes.
+        found->second->prepareForRelease();
+        auto node = targets_.extract(found);
         if (procedure == "manual-release")
             targets_[*request.target] = std::make_shared<Zombie>(*request.target, node.mapped()->rpcTypeName());
         // The object, and the work it owns, ends here with its last reference.
@@ -217,14 +228,20 @@ std::optional<Json> HalvernRPC::handle(const Json& message) {
     throw HVRPCError(HVRPCStatusCode::notFound, "Unknown procedure '" + procedure + "'.");
 }
 
-void HalvernRPC::perform(const std::string& target, const Json& params) {
+void HalvernRPC::perform(const std::string& target, const Json& params) { sendCallback(target, params, sendCallback_); }
+
+void HalvernRPC::performStreamData(const std::string& target, const Json& params) {
+    sendCallback(target, params, sendStreamData_);
+}
+
+void HalvernRPC::sendCallback(const std::string& target, const Json& params, const SendFunction& send) {
     Json request = Json::object();
     request["hvrpc"] = 1;
     request["procedure"] = "perform";
     request["target"] = target;
     request["params"] = params;
     try {
-        send_(coding::encodeLine(request));
+        send(coding::encodeLine(request));
     } catch (const std::exception& e) {
         log_.error(fmt::format("Error encoding callback for target {}: {}", target, describeForLog(e)));
     }

@@ -71,6 +71,9 @@ public:
     virtual std::string rpcTypeName() const = 0;
     // An instance action; no value means the response has no "result".
     virtual std::optional<Json> perform(const std::string& action, const HVRPCParams& params) = 0;
+    // Called by "release" and "manual-release" before the object is dropped,
+    // on the reader's thread; the response waits for it. Never throws.
+    virtual void prepareForRelease() {}
 };
 
 class HalvernRPC;
@@ -106,27 +109,42 @@ public:
     // Writes one encoded message (without newline) to the host.
     using SendFunction = std::function<void(std::string_view bytes)>;
 
+    // Where each kind of message goes: responses, callbacks, and streamed
+    // media callbacks (which a slow host may lose; the others it never may).
+    struct Senders {
+        SendFunction response;
+        SendFunction callback;
+        SendFunction streamData;
+    };
+
     // Builds the engine and registers the types in the given order.
     static std::shared_ptr<HalvernRPC> create(SendFunction send, std::vector<HVRPCTypeRegistration> types);
+    static std::shared_ptr<HalvernRPC> create(Senders senders, std::vector<HVRPCTypeRegistration> types);
 
     // Handles one inbound line to its end, response included. Never throws.
     void receive(std::string_view data);
 
     // Sends a callback request to a host identifier; returns at once.
     void perform(const std::string& target, const Json& params);
+    // The same for streamed media, which may be dropped when the host lags.
+    void performStreamData(const std::string& target, const Json& params);
+
 
     // For tests and diagnostics.
     bool hasTarget(const std::string& target) const { return targets_.count(target) != 0; }
     size_t targetCount() const { return targets_.size(); }
 
 private:
-    explicit HalvernRPC(SendFunction send);
+    explicit HalvernRPC(Senders senders);
     void registerType(HVRPCTypeRegistration type);
     std::optional<Json> handle(const Json& message);
     void sendErrorResponse(const std::string& id, int status, const Json& error);
+    void sendCallback(const std::string& target, const Json& params, const SendFunction& send);
 
     platform::OSLog log_{platform::OSLog::defaultSubsystem, "orvane_rpc/HalvernRPC"};
     SendFunction send_;
+    SendFunction sendCallback_;
+    SendFunction sendStreamData_;
     std::map<std::string, std::function<std::shared_ptr<HVRPCObject>(const HVRPCParams&)>> registeredTypes_;
     std::map<std::string, decltype(HVRPCTypeRegistration::performType)> registeredStaticTypes_;
     // Touched only by receive(), which the reader calls one line at a time.

@@ -1,5 +1,8 @@
 #include "host/recorder_rpc.h"
 
+#include <mutex>
+#include <thread>
+
 #include "host/audio_buffer_data.h"
 #include "host/error_payload.h"
 #include "host/globals.h"
@@ -159,7 +162,7 @@ RecorderSchemaContext schemaContext(const std::shared_ptr<HalvernRPC>& engine) {
                 logger.error("Cannot convert CMSampleBuffer to AudioBufferData, no data sent to stream callback");
                 return true;
             }
-            if (auto engine = weakEngine.lock()) engine->perform(target, *data);
+            if (auto engine = weakEngine.lock()) engine->performStreamData(target, *data);
             return true;
         };
     };
@@ -170,7 +173,7 @@ RecorderSchemaContext schemaContext(const std::shared_ptr<HalvernRPC>& engine) {
                 logger.error("Cannot convert AVAudioPCMBuffer to AudioBufferData, no data sent to stream callback");
                 return true;
             }
-            if (auto engine = weakEngine.lock()) engine->perform(target, *data);
+            if (auto engine = weakEngine.lock()) engine->performStreamData(target, *data);
             return true;
         };
     };
@@ -195,15 +198,42 @@ Json abortReasonJSON(const OVRecorderAbortReason& reason) {
     return record;
 }
 
+namespace {
+// Every recording object the host has made, for stopAllRecordings().
+std::mutex liveRecordersMutex;
+std::vector<std::weak_ptr<RecorderRPC>> liveRecorders;
+}  // namespace
+
 std::shared_ptr<RecorderRPC> RecorderRPC::create(const std::shared_ptr<HalvernRPC>& engine,
                                                  const HVRPCParams& params) {
     const auto init = decodeParams<RecorderInitParams>(params);
     auto schema = makeSchema(init.schema, schemaContext(engine));
     auto settings = makeSettings(init.schema);
 
-    return std::make_shared<RecorderRPC>(
+    auto object = std::make_shared<RecorderRPC>(
         std::make_unique<OVRecorder>(std::move(schema.items), std::move(schema.outputDirectory), std::move(settings),
                                      abortHandler(engine, init.onAbortInstance)));
+    std::lock_guard lock(liveRecordersMutex);
+    std::erase_if(liveRecorders, [](const auto& weak) { return weak.expired(); });
+    liveRecorders.push_back(object);
+    return object;
+}
+
+void RecorderRPC::prepareForRelease() { recordingSession_->stopIfActive("released by the host"); }
+
+size_t RecorderRPC::stopAllRecordings(const char* why) {
+    std::vector<std::shared_ptr<RecorderRPC>> objects;
+    {
+        std::lock_guard lock(liveRecordersMutex);
+        for (const auto& weak : liveRecorders)
+            if (auto object = weak.lock()) objects.push_back(std::move(object));
+    }
+    // Concurrently, as one stop finishes its sources: the slowest sets the pace.
+    std::vector<std::thread> stops;
+    for (const auto& object : objects)
+        stops.emplace_back([object, why] { object->recordingSession().stopIfActive(why); });
+    for (auto& stop : stops) stop.join();
+    return objects.size();
 }
 
 OVRecorder::AbortHandler RecorderRPC::abortHandler(const std::shared_ptr<HalvernRPC>& engine, std::string target) {

@@ -38,6 +38,14 @@ public:
 
     OVRecorder& recordingSession() { return *recordingSession_; }
 
+    // A recording in progress is stopped as "stop" would, then released.
+    void prepareForRelease() override;
+
+    // Stops every recording of every live Recorder object as "stop" would and
+    // waits for them all; the objects stay. For a process that ends or whose
+    // host is gone. Returns the number of objects looked at.
+    static size_t stopAllRecordings(const char* why);
+
     // What the recording's end does for the host: one callback request to
     // `target` with the reason's record. Holds the engine weakly.
     static OVRecorder::AbortHandler abortHandler(const std::shared_ptr<HalvernRPC>& engine, std::string target);

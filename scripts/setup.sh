@@ -19,6 +19,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev python3
   # the Node client's playback test plays recordings in a real browser
   chromium
+  # sanitizer builds and the libFuzzer target
+  clang libclang-rt-14-dev
 )
 
 missing=()

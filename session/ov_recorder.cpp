@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include "foundation/platform_error.h"
+#include "session/schema_validation.h"
 #include "session/short_id.h"
 
 namespace ov {
@@ -23,6 +24,8 @@ OVRecorder::OVRecorder(std::vector<SchemaItem> items, std::optional<std::filesys
       schema_{std::move(outputDirectory), std::move(items)},
       logger_("OVRecorder", id_, {}, std::move(ovLogger)),
       settings_(settings.value_or(Settings{})) {
+    // A bad name or delay is refused here, before a folder or a file exists.
+    validateSchema(schema_);
     if (!onAbort) {
         Logger logger = logger_;
         onAbort = [logger](const AbortReason& reason) {
@@ -44,6 +47,26 @@ OVRecorder::OVRecorder(std::vector<SchemaItem> items, std::optional<std::filesys
 }
 
 OVRecorder::~OVRecorder() { logger_.info("Deinitialized recorder"); }
+
+void OVRecorder::stopIfActive(const char* why) {
+    using Kind = Conductor::StateKind;
+    switch (conductor_->stateKind()) {
+        case Kind::initial:
+        case Kind::prepareFailed:
+        case Kind::stopped:
+        case Kind::stopFailed:
+        case Kind::aborted:
+            return;
+        default:
+            break;
+    }
+    logger_.info("Stopping recording before it is dropped.", [&] { return LogMetadata{{"why", why}}; });
+    try {
+        (void)stop();
+    } catch (...) {
+        // stop() has logged the failure; the bundle holds what could be finished.
+    }
+}
 
 std::string OVRecorder::debugDescription() const {
     return fmt::format("OVRecorder: {} recorder items", schema_.items.size());

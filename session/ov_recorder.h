@@ -37,6 +37,11 @@ public:
     void pause();
     void resume();
     Result stop();
+    // Stops a recording that has begun and not yet ended (prepare under way or
+    // done, recording, paused, stopping, aborting) and waits for its end; does
+    // nothing otherwise. Failures are logged, never thrown. Whoever drops a
+    // recording calls this first, so that its files and description are whole.
+    void stopIfActive(const char* why);
 
     const std::string& id() const { return id_; }
     const Schema& schema() const { return schema_; }
