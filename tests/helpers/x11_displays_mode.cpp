@@ -7,7 +7,8 @@
 
 static ov::testing::HelperMode x11DisplaysMode("x11-displays", [](const std::vector<std::string>&) {
     ov::platform::x11::X11ScreenProvider provider;
-    for (const auto& d : provider.shareableContent(false, false).displays())
+    const auto content = provider.shareableContent(false, false);
+    for (const auto& d : content.displays())
         std::printf("%u %g,%g,%g,%g\n", d.displayID, d.frame.origin.x, d.frame.origin.y, d.frame.size.width,
                     d.frame.size.height);
     std::fflush(stdout);

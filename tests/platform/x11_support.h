@@ -44,11 +44,23 @@ struct DeliveredFrame {
 
 class ScreenSinkCollector {
 public:
+    // Keeping every picture would keep the producer's pool from reusing
+    // buffers (a new 8 MB buffer per frame): rate tests keep times only.
+    explicit ScreenSinkCollector(bool keepPictures = true) : keepPictures_(keepPictures) {}
+
     platform::ScreenCaptureSink sink() {
         return {[this](platform::SCStreamOutputType, const platform::CMSampleBuffer& sample) {
                     const auto at = static_cast<int64_t>(platform::hostTimeNanosecondsNow());
                     std::lock_guard lock(mutex_);
-                    frames_.push_back({sample, at});
+                    if (keepPictures_ || !sample.imageBuffer()) {
+                        frames_.push_back({sample, at});
+                    } else {
+                        platform::CMSampleBuffer::Contents times;
+                        times.numSamples = 1;
+                        times.timing = sample.sampleTimingInfos();
+                        times.sampleAttachments = sample.sampleAttachments();
+                        frames_.push_back({platform::CMSampleBuffer::create(std::move(times)), at});
+                    }
                     changed_.notify_all();
                 },
                 [this](std::exception_ptr error) {
@@ -91,6 +103,7 @@ public:
     }
 
 private:
+    bool keepPictures_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<DeliveredFrame> frames_;

@@ -9,7 +9,8 @@
 
 namespace ov::platform::x11 {
 
-X11ImageGrabber::X11ImageGrabber(std::shared_ptr<X11Connection> connection) : connection_(std::move(connection)) {}
+X11ImageGrabber::X11ImageGrabber(std::shared_ptr<X11Connection> connection, bool useSharedMemory)
+    : connection_(std::move(connection)), shmFailed_(!useSharedMemory) {}
 
 X11ImageGrabber::~X11ImageGrabber() { releaseSegment(); }
 

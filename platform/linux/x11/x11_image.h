@@ -18,7 +18,9 @@ namespace ov::platform::x11 {
 
 class X11ImageGrabber {
 public:
-    explicit X11ImageGrabber(std::shared_ptr<X11Connection> connection);
+    // Without shared memory every picture travels through the socket
+    // (the fallback, and the peer of the benchmark).
+    explicit X11ImageGrabber(std::shared_ptr<X11Connection> connection, bool useSharedMemory = true);
     ~X11ImageGrabber();
     X11ImageGrabber(const X11ImageGrabber&) = delete;
     X11ImageGrabber& operator=(const X11ImageGrabber&) = delete;

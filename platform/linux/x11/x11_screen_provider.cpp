@@ -14,7 +14,8 @@ OSLog& log() {
 
 }  // namespace
 
-X11ScreenProvider::X11ScreenProvider(std::string display) {
+X11ScreenProvider::X11ScreenProvider(std::string display, double contentTimeLimitSeconds)
+    : contentTimeLimit_(contentTimeLimitSeconds) {
     content_ = X11Connection::open(display, kReconnectTimeLimitSeconds);
     display_ = content_->displayName();
     if (!content_->extensions().randr)
@@ -29,7 +30,7 @@ std::shared_ptr<X11Connection> X11ScreenProvider::contentConnection() const {
 
 SCShareableContent X11ScreenProvider::shareableContent(bool excludingDesktopWindows, bool onScreenWindowsOnly) const {
     auto connection = contentConnection();
-    const auto deadline = deadlineIn(kContentTimeLimitSeconds);
+    const auto deadline = deadlineIn(contentTimeLimit_);
     auto monitors = readMonitors(*connection, deadline);
     auto windows = readWindows(*connection, deadline);
     return makeShareableContent(monitors, windows, excludingDesktopWindows, onScreenWindowsOnly);

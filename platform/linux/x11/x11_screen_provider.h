@@ -13,14 +13,14 @@ namespace ov::platform::x11 {
 
 class X11ScreenProvider final : public ScreenCaptureProvider {
 public:
-    // How long a content retrieval may wait for the server.
+    // How long a content retrieval may wait for the server, by default.
     static constexpr double kContentTimeLimitSeconds = 5.0;
     // How long a reconnect may take before it is given up.
     static constexpr double kReconnectTimeLimitSeconds = 2.0;
 
     // Connects to `display` (empty: $DISPLAY); throws X11Error when there is
     // no server or it lacks RandR 1.5.
-    explicit X11ScreenProvider(std::string display = {});
+    explicit X11ScreenProvider(std::string display = {}, double contentTimeLimitSeconds = kContentTimeLimitSeconds);
 
     std::string apiName() const override { return "x11"; }
     // Throws X11Error (a PlatformError) when the server can't answer in time.
@@ -41,6 +41,7 @@ private:
     std::shared_ptr<X11Connection> contentConnection() const;
 
     std::string display_;
+    double contentTimeLimit_;
     mutable std::mutex mutex_;
     std::shared_ptr<X11Connection> content_;
 };

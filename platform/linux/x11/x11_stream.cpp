@@ -637,6 +637,10 @@ private:
                               origin, int(picture->bytesPerRow()), content.width, content.height, libyuv::kFilterBilinear);
         }
 
+        // Stamped when the picture is ready, not at the tick: on a busy machine
+        // the grab and copy can take long, and the time must stay close to the
+        // time of delivery (never after it).
+        now = std::max(now, static_cast<int64_t>(hostTimeNanosecondsNow()));
         CMSampleBuffer::Contents contents;
         contents.numSamples = 1;
         contents.timing = {{CMTime(interval, 1'000'000'000), CMTime(now, 1'000'000'000), kCMTimeInvalid}};
