@@ -45,7 +45,12 @@ pid_t spawn(const std::vector<std::string>& argv, int keepFd = -1, int stdinFd =
         const int null = ::open("/dev/null", O_RDWR);
         ::dup2(stdinFd >= 0 ? stdinFd : null, 0);
         ::dup2(stdoutFd >= 0 ? stdoutFd : null, 1);
-        ::dup2(null, 2);
+        if (const char* log = std::getenv("ORVANE_BENCH_CHILD_LOG")) {
+            const int file = ::open(log, O_WRONLY | O_CREAT | O_APPEND, 0644);
+            ::dup2(file, 2);
+        } else {
+            ::dup2(null, 2);
+        }
         for (int fd = 3; fd < 1024; ++fd)
             if (fd != keepFd) ::close(fd);
         std::vector<char*> args;
@@ -72,6 +77,7 @@ double processCpuSeconds(pid_t pid) {
 
 struct Xvfb {
     pid_t pid = -1;
+    int readEnd = -1;
     std::string display;
     Xvfb() {
         int fds[2];
@@ -82,7 +88,7 @@ struct Xvfb {
         ::close(fds[1]);
         char buffer[32] = {};
         const ssize_t n = ::read(fds[0], buffer, sizeof buffer - 1);
-        ::close(fds[0]);
+        readEnd = fds[0];  // kept open: the server writes its number again when it resets
         if (n > 0) display = ":" + std::to_string(std::atoi(buffer));
     }
     ~Xvfb() {
