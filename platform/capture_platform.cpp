@@ -66,6 +66,13 @@ void CapturePlatform::setCenterStageControlMode(AVCaptureCenterStageControlMode 
     centerStageControlMode_ = mode;
 }
 
+std::optional<CGDisplayMode> CapturePlatform::displayMode(CGDirectDisplayID displayID) const {
+    for (const auto& display : shareableContent(false, false).displays())
+        if (display.displayID == displayID)
+            return CGDisplayMode{display.width, display.height, display.width, display.height, 0};
+    return std::nullopt;
+}
+
 PlatformError CapturePlatform::notAvailableError(const std::string& what, const std::string& platformName) {
     return PlatformError(errorDomain, notAvailable, what + " is not available on this build.",
                          what + " through the " + platformName + " capture backend is not available on this build");

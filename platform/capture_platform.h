@@ -84,6 +84,14 @@ public:
     virtual std::unique_ptr<ScreenCaptureProducer> startScreenCapture(const SCContentFilter& filter,
                                                                       const SCStreamConfiguration& configuration,
                                                                       ScreenCaptureSink sink) = 0;
+    // A display's current mode (its size in points and in pixels), or none
+    // when the display can't be read. By default the display of the shareable
+    // content with pixels equal to points, as on X11.
+    virtual std::optional<CGDisplayMode> displayMode(CGDirectDisplayID displayID) const;
+    // Restarts whatever answers shareable content, for a retrieval that hangs.
+    // Returns when done; bounded in time even when the service doesn't answer.
+    // By default nothing to restart.
+    virtual void restartShareableContentService() {}
 
     // ---- The process's backend.
     // The chosen backend. Throws the PlatformError of a bad choice.

@@ -39,6 +39,14 @@ std::string SCWindow::description() const {
                        windowLayer, isOnScreen ? "" : ", off screen");
 }
 
+std::optional<CGDisplayMode> CGDisplayCopyDisplayMode(CGDirectDisplayID display) {
+    try {
+        return CapturePlatform::shared()->displayMode(display);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+}
+
 void SCShareableContent::getShareableContent(CompletionHandler completionHandler) {
     fetch(false, false, std::move(completionHandler));
 }

@@ -44,6 +44,20 @@ struct SCWindow {
     std::string description() const;
 };
 
+// A display's mode: its size in points and in pixels, and its refresh rate
+// (0 when unknown).
+struct CGDisplayMode {
+    int32_t width = 0;
+    int32_t height = 0;
+    int32_t pixelWidth = 0;
+    int32_t pixelHeight = 0;
+    double refreshRate = 0;
+};
+// The display's current mode, or none when it can't be read.
+std::optional<CGDisplayMode> CGDisplayCopyDisplayMode(CGDirectDisplayID display);
+inline int32_t CGDisplayModeGetWidth(const CGDisplayMode& mode) { return mode.width; }
+inline int32_t CGDisplayModeGetPixelWidth(const CGDisplayMode& mode) { return mode.pixelWidth; }
+
 class SCShareableContent {
 public:
     SCShareableContent() = default;

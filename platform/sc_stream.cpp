@@ -2,6 +2,8 @@
 
 #include "platform/capture_platform.h"
 
+#include <algorithm>
+
 namespace ov::platform {
 
 namespace {
@@ -41,7 +43,7 @@ void SCStream::addStreamOutput(std::shared_ptr<SCStreamOutput> output, SCStreamO
     for (const auto& entry : outputs_)
         if (entry.output == output && entry.type == type)
             throw SCStreamError(SCStreamError::invalidParameter, "The stream output was already added.");
-    outputs_.push_back({std::move(output), type, std::move(sampleHandlerQueue)});
+    outputs_.push_back({std::move(output), type, std::move(sampleHandlerQueue), std::make_shared<std::atomic<int32_t>>(0)});
 }
 
 void SCStream::removeStreamOutput(const std::shared_ptr<SCStreamOutput>& output, SCStreamOutputType type) {
@@ -143,13 +145,25 @@ SCStreamConfiguration SCStream::configuration() const {
 
 void SCStream::deliver(SCStreamOutputType type, const CMSampleBuffer& sampleBuffer) {
     std::vector<OutputEntry> targets;
+    int32_t depth;
     {
         std::lock_guard lock(mutex_);
+        depth = std::max(1, configuration_.queueDepth);
         for (const auto& entry : outputs_)
             if (entry.type == type) targets.push_back(entry);
     }
     for (auto& entry : targets) {
-        entry.queue->async([self = shared_from_this(), output = entry.output, sampleBuffer, type] {
+        // Audio is never dropped: a gap in it is heard.
+        if (type == SCStreamOutputType::screen && entry.pending->load() >= depth) {
+            ++droppedScreenSamples_;
+            continue;
+        }
+        ++*entry.pending;
+        entry.queue->async([self = shared_from_this(), output = entry.output, pending = entry.pending, sampleBuffer, type] {
+            struct Done {
+                std::atomic<int32_t>& pending;
+                ~Done() { --pending; }
+            } done{*pending};
             output->stream(*self, sampleBuffer, type);
         });
     }

@@ -14,7 +14,12 @@
 // rectangle that the picture shows in global points (a CGRect dictionary),
 // the content rectangle within the picture, the scale factor and the display
 // time in host nanoseconds. Frames other than complete carry no picture.
+//
+// Screen samples never pile up: at most the configuration's queueDepth of them
+// wait for (or run in) an output's handler; a newer one is dropped and
+// counted, so a slow consumer costs frames, never memory or capture timing.
 
+#include <atomic>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -85,11 +90,16 @@ public:
     SCContentFilter filter() const;
     SCStreamConfiguration configuration() const;
 
+    // Screen samples dropped because queueDepth of them were still waiting.
+    uint64_t droppedScreenSamples() const { return droppedScreenSamples_; }
+
 private:
     struct OutputEntry {
         std::shared_ptr<SCStreamOutput> output;
         SCStreamOutputType type;
         std::shared_ptr<DispatchQueue> queue;
+        // Samples queued for the handler and not yet handled.
+        std::shared_ptr<std::atomic<int32_t>> pending = std::make_shared<std::atomic<int32_t>>(0);
     };
 
     SCStream(SCContentFilter filter, SCStreamConfiguration configuration, std::weak_ptr<SCStreamDelegate> delegate);
@@ -106,6 +116,7 @@ private:
     uint64_t generation_ = 0;
     std::shared_ptr<ScreenCaptureProducer> producer_;
     std::mutex controlMutex_;
+    std::atomic<uint64_t> droppedScreenSamples_{0};
 };
 
 }  // namespace ov::platform

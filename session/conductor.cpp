@@ -333,6 +333,22 @@ OVBundleInfo Conductor::runPrepare(Lock& lock, const std::string& traceID) {
             return counts({{"allExpectedAssets.count", std::to_string(allExpectedAssets.size())}});
         });
 
+        // Windows that appeared while the recorders prepared are left out too.
+        std::vector<FilterUpdatingRecorder*> filtered;
+        for (const auto& recorder : recorders)
+            if (auto* updating = dynamic_cast<FilterUpdatingRecorder*>(recorder.get())) filtered.push_back(updating);
+        if (!filtered.empty()) {
+            logger_.info("Updating filters of ScreenRecorders", [&] { return traced(traceID); });
+            lock.unlock();
+            try {
+                for (auto* recorder : filtered) recorder->updateFilter();
+            } catch (...) {
+                lock.lock();
+                throw;
+            }
+            lock.lock();
+        }
+
         OVBundleInfo info;
         info.version = 1;
         info.files = std::move(allExpectedAssets);

@@ -24,4 +24,14 @@ public:
     virtual std::vector<OVBundleInfo::FileAsset> finish() = 0;
 };
 
+// A recorder whose content filter is built again once every recorder of the
+// recording is prepared (screen recorders: the windows to leave out may have
+// appeared while the others prepared). The conductor finds them by this
+// interface, since it doesn't know the recorder folders.
+class FilterUpdatingRecorder {
+public:
+    virtual ~FilterUpdatingRecorder() = default;
+    virtual void updateFilter() = 0;
+};
+
 }  // namespace ov

@@ -17,6 +17,14 @@ struct SyntheticCapturePlatform::State {
     std::mutex mutex;
     std::set<uint32_t> goneDisplays;
     std::set<uint32_t> goneWindows;
+    std::vector<SyntheticWindow> addedWindows;
+    std::map<uint32_t, std::optional<int32_t>> ownerOverrides;
+
+    // Scripted shareable content.
+    std::deque<SyntheticContentAnswer> contentScript;
+    int contentRequests = 0;
+    int restarts = 0;
+    std::condition_variable restarted;
 
     // Held while the platform's device observers are told, and by the
     // platform's destructor, so that no notice reaches a platform that is gone.
@@ -244,12 +252,80 @@ bool SyntheticCapturePlatform::isDisplayPresent(uint32_t displayID) const {
 
 bool SyntheticCapturePlatform::isWindowPresent(uint32_t windowID) const {
     std::lock_guard lock(state_->mutex);
-    return !state_->goneWindows.count(windowID) &&
-           std::any_of(world_.windows.begin(), world_.windows.end(), [&](const auto& w) { return w.id == windowID; });
+    auto has = [&](const std::vector<SyntheticWindow>& list) {
+        return std::any_of(list.begin(), list.end(), [&](const auto& w) { return w.id == windowID; });
+    };
+    return !state_->goneWindows.count(windowID) && (has(world_.windows) || has(state_->addedWindows));
+}
+
+std::optional<CGDisplayMode> SyntheticCapturePlatform::displayMode(CGDirectDisplayID displayID) const {
+    if (!isDisplayPresent(displayID)) return std::nullopt;
+    for (const auto& display : world_.displays) {
+        if (display.id != displayID) continue;
+        const auto width = static_cast<int32_t>(display.frame.size.width);
+        const auto height = static_cast<int32_t>(display.frame.size.height);
+        return CGDisplayMode{width, height, static_cast<int32_t>(std::lround(width * display.scale)),
+                             static_cast<int32_t>(std::lround(height * display.scale)), display.frameRate};
+    }
+    return std::nullopt;
+}
+
+void SyntheticCapturePlatform::restartShareableContentService() {
+    {
+        std::lock_guard lock(state_->mutex);
+        ++state_->restarts;
+    }
+    state_->restarted.notify_all();
+}
+
+void SyntheticCapturePlatform::addWindow(SyntheticWindow window) {
+    std::lock_guard lock(state_->mutex);
+    state_->addedWindows.push_back(std::move(window));
+}
+
+void SyntheticCapturePlatform::setWindowOwner(uint32_t windowID, std::optional<int32_t> ownerPID) {
+    std::lock_guard lock(state_->mutex);
+    state_->ownerOverrides[windowID] = ownerPID;
+}
+
+void SyntheticCapturePlatform::scriptShareableContent(std::vector<SyntheticContentAnswer> answers) {
+    std::lock_guard lock(state_->mutex);
+    state_->contentScript.assign(answers.begin(), answers.end());
+}
+
+int SyntheticCapturePlatform::shareableContentRequestCount() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->contentRequests;
+}
+
+int SyntheticCapturePlatform::restartCount() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->restarts;
 }
 
 SCShareableContent SyntheticCapturePlatform::shareableContent(bool excludingDesktopWindows,
                                                               bool onScreenWindowsOnly) const {
+    std::optional<SyntheticContentAnswer> answer;
+    std::vector<SyntheticWindow> worldWindows = world_.windows;
+    {
+        std::unique_lock lock(state_->mutex);
+        ++state_->contentRequests;
+        if (!state_->contentScript.empty()) {
+            answer = state_->contentScript.front();
+            state_->contentScript.pop_front();
+        }
+        if (answer && answer->hangsUntilRestart) {
+            const int restarts = state_->restarts;
+            state_->restarted.wait_for(lock, std::chrono::seconds(30), [&] { return state_->restarts != restarts; });
+        }
+        worldWindows.insert(worldWindows.end(), state_->addedWindows.begin(), state_->addedWindows.end());
+        for (auto& window : worldWindows)
+            if (auto it = state_->ownerOverrides.find(window.id); it != state_->ownerOverrides.end())
+                window.ownerPID = it->second;
+    }
+    if (answer && answer->delay > 0) std::this_thread::sleep_for(std::chrono::duration<double>(answer->delay));
+    if (answer && answer->error) throw *answer->error;
+
     std::vector<SCDisplay> displays;
     for (const auto& display : world_.displays) {
         if (!isDisplayPresent(display.id)) continue;
@@ -260,7 +336,7 @@ SCShareableContent SyntheticCapturePlatform::shareableContent(bool excludingDesk
     for (const auto& application : world_.applications)
         applications.push_back({application.pid, application.bundleIdentifier, application.name});
     std::vector<SCWindow> windows;
-    for (const auto& window : world_.windows) {
+    for (const auto& window : worldWindows) {
         if (!isWindowPresent(window.id)) continue;
         if (onScreenWindowsOnly && !window.onScreen) continue;
         // Desktop windows live below the normal layer.

@@ -20,8 +20,10 @@
 // the world (see synthetic_world.h); tests can also change the world while it
 // runs through the controls below.
 
+#include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -33,6 +35,14 @@
 namespace ov::platform {
 
 class SyntheticCaptureDevice;
+
+// How one request for shareable content is answered: after a delay, not at
+// all until the service is restarted, or with an error.
+struct SyntheticContentAnswer {
+    double delay = 0;  // seconds
+    bool hangsUntilRestart = false;
+    std::optional<PlatformError> error;
+};
 
 class SyntheticCapturePlatform final : public CapturePlatform {
 public:
@@ -50,6 +60,10 @@ public:
     std::unique_ptr<ScreenCaptureProducer> startScreenCapture(const SCContentFilter& filter,
                                                               const SCStreamConfiguration& configuration,
                                                               ScreenCaptureSink sink) override;
+    // Points times the display's scale; none for a display that isn't there.
+    std::optional<CGDisplayMode> displayMode(CGDirectDisplayID displayID) const override;
+    // Counts the call and ends every request hanging until a restart.
+    void restartShareableContentService() override;
 
     // ---- Controls for tests.
     // The device with this id, connected or not; null for an unknown id.
@@ -64,6 +78,18 @@ public:
     void removeWindow(uint32_t windowID);
     bool isDisplayPresent(uint32_t displayID) const;
     bool isWindowPresent(uint32_t windowID) const;
+    // A window appears (in the shareable content; streams of it are not made).
+    void addWindow(SyntheticWindow window);
+    // A window changes its owning application (none: no owner).
+    void setWindowOwner(uint32_t windowID, std::optional<int32_t> ownerPID);
+
+    // The next requests for shareable content are answered as scripted, one
+    // answer per request in order; once the script is used up, at once. A
+    // request hanging until a restart gives up after 30 s, so a test that
+    // forgets it leaves no thread for good.
+    void scriptShareableContent(std::vector<SyntheticContentAnswer> answers);
+    int shareableContentRequestCount() const;
+    int restartCount() const;
 
     // Shared with devices and producers, which may outlive the platform.
     struct State;

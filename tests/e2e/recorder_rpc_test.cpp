@@ -102,7 +102,7 @@ TEST_F(RecorderProcessTest, ListsWhatTheSyntheticWorldOffers) {
 
 TEST_F(RecorderProcessTest, ASourceThisBuildCannotCaptureFailsPrepareByName) {
     ASSERT_EQ(init("1", {{"output_directory", (temp / "b").string()},
-                         {"items", json::array({{{"type", "display"}, {"display", 1}}})}})["status"],
+                         {"items", json::array({{{"type", "appleDevice"}, {"device", "phone-1"}}})}})["status"],
               200);
     auto r = perform("2", "prepare");
     EXPECT_EQ(r["status"], 202);

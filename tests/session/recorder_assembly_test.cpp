@@ -110,7 +110,9 @@ TEST(RecorderAssembly, CustomItemsMakeTheirOwnRecorders) {
 
 TEST(RecorderAssembly, SourcesThisBuildCannotCaptureFailAtPrepare) {
     RecorderAssemblyContext context;
-    auto recorders = createRecorders(display("d1"), context);
+    AppleDeviceSchemaItem device;
+    device.id = "d1";
+    auto recorders = createRecorders(device, context);
     ASSERT_EQ(recorders.size(), 1u);
     EXPECT_EQ(recorders[0]->id(), "d1");
     try {
@@ -118,7 +120,7 @@ TEST(RecorderAssembly, SourcesThisBuildCannotCaptureFailAtPrepare) {
         FAIL() << "an unsupported source prepared";
     } catch (const OVError& e) {
         EXPECT_EQ(e.code(), OVError::Code::configurationNotSupported);
-        EXPECT_NE(e.debugDescription().find("display"), std::string::npos) << e.debugDescription();
+        EXPECT_NE(e.debugDescription().find("Apple device"), std::string::npos) << e.debugDescription();
     }
 
     MicrophoneFileSchemaItem mic;
