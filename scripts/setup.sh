@@ -15,6 +15,10 @@ packages=(
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev ffmpeg
   # microphones on linux; the tests run a private sound server
   libpulse-dev pulseaudio pulseaudio-utils
+  # screens on linux (X11 through xcb) and their scaling; the tests run a private Xvfb with openbox
+  libxcb1-dev libxcb-shm0-dev libxcb-damage0-dev libxcb-xfixes0-dev libxcb-randr0-dev libxcb-composite0-dev
+  libxcb-render0-dev libxcb-res0-dev libyuv-dev
+  xvfb openbox xdotool x11-apps x11-xserver-utils
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
   # the Node client's playback test plays recordings in a real browser

@@ -26,6 +26,10 @@ public:
                                                                       const SCStreamConfiguration& configuration,
                                                                       ScreenCaptureSink sink) = 0;
     virtual bool preflightScreenCaptureAccess() const = 0;
+    // Drops and reopens whatever answers shareableContent(), for a caller
+    // whose retrievals stopped answering; returns within a bounded time.
+    // Whether a fresh service is in place.
+    virtual bool restartShareableContentService() { return false; }
 };
 
 }  // namespace ov::platform

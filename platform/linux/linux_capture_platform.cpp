@@ -135,4 +135,8 @@ std::unique_ptr<ScreenCaptureProducer> LinuxCapturePlatform::startScreenCapture(
     return screens_->startScreenCapture(filter, configuration, std::move(sink));
 }
 
+void LinuxCapturePlatform::restartShareableContentService() {
+    if (screens_) screens_->restartShareableContentService();
+}
+
 }  // namespace ov::platform

@@ -43,6 +43,8 @@ public:
     std::unique_ptr<ScreenCaptureProducer> startScreenCapture(const SCContentFilter& filter,
                                                               const SCStreamConfiguration& configuration,
                                                               ScreenCaptureSink sink) override;
+    // The screen provider's, bounded by it.
+    void restartShareableContentService() override;
 
     // The providers this machine offers. Each API registers a probe below;
     // a probe that throws or returns null leaves its API out, with a log line.
