@@ -5,8 +5,11 @@
 #include <mutex>
 #include <string>
 
+#include "foundation/platform_error.h"
 #include "host/echo_rpc.h"
+#include "host/live_preview_server.h"
 #include "host/recorder_rpc.h"
+#include "platform/os_log.h"
 
 namespace ov::host::Globals {
 
@@ -23,8 +26,17 @@ HalvernRPC& hvRpc() {
 }
 
 std::shared_ptr<LivePreviewServer> livePreviewServer() {
-    // The preview server is not part of this build yet; hosts get no preview URLs.
-    return nullptr;
+    // Made once; without it the process runs on and hosts get no preview URLs.
+    static const std::shared_ptr<LivePreviewServer> server = []() -> std::shared_ptr<LivePreviewServer> {
+        try {
+            return LivePreviewServer::make();
+        } catch (const std::exception& error) {
+            platform::OSLog(platform::OSLog::defaultSubsystem, "Globals")
+                .error("Failed to initialize LivePreviewServer: " + describeError(error).debugDescription);
+            return nullptr;
+        }
+    }();
+    return server;
 }
 
 void send(std::string_view bytes) {

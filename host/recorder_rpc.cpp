@@ -3,6 +3,7 @@
 #include "host/audio_buffer_data.h"
 #include "host/error_payload.h"
 #include "host/globals.h"
+#include "host/live_preview_server.h"
 #include "platform/audio_capabilities.h"
 #include "platform/capture_platform.h"
 #include "session/ov_bundle_info.h"
@@ -53,6 +54,14 @@ Json deviceJSON(const platform::AVCaptureDevice& device) {
     record["model_id"] = device.modelID();
     record["manufacturer"] = device.manufacturer();
     record["availability"] = deviceAvailability(device);
+    return record;
+}
+
+// A camera's record also says where to watch it while the preview server runs.
+Json cameraJSON(const platform::AVCaptureDevice& device) {
+    Json record = deviceJSON(device);
+    if (auto server = Globals::livePreviewServer())
+        if (auto base = server->baseUrl()) record["preview_url"] = LivePreviewServer::previewURL(*base, device.uniqueID());
     return record;
 }
 
@@ -209,7 +218,9 @@ std::optional<Json> RecorderRPC::performType(const std::string& action, const HV
     if (action == "getCameras") {
         // Desk View is a camera of its own on other systems; Linux has none to leave out.
         (void)decodeParams<GetCamerasParams>(params);
-        return getDevices(AVMediaType::video);
+        Json list = Json::array();
+        for (const auto& device : devicesWith(AVMediaType::video)) list.push_back(cameraJSON(*device));
+        return list;
     }
     if (action == "getMicrophones") return getDevices(AVMediaType::audio);
     if (action == "getAppleDevices") return getAppleDevices();

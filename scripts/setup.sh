@@ -15,8 +15,12 @@ packages=(
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev ffmpeg
   # microphones on linux; the tests run a private sound server
   libpulse-dev pulseaudio pulseaudio-utils
+  # camera preview pictures and MJPEG cameras
+  libturbojpeg0-dev
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
+  # the preview's browser check (skipped where it can't run)
+  chromium
 )
 
 missing=()
