@@ -32,7 +32,7 @@ std::shared_ptr<LivePreviewServer> livePreviewServer() {
             return LivePreviewServer::make();
         } catch (const std::exception& error) {
             platform::OSLog(platform::OSLog::defaultSubsystem, "Globals")
-                .error("Failed to initialize LivePreviewServer: " + describeError(error).debugDescription);
+                .error("Failed to initialize LivePreviewServer: " + platform::describeError(error).debugDescription);
             return nullptr;
         }
     }();

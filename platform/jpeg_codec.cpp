@@ -171,7 +171,7 @@ std::shared_ptr<CVPixelBuffer> JPEGDecoder::decode(const uint8_t* data, size_t s
         return picture;
     }
     // Each 2×2 block of luma takes the chroma sample that covers its top left.
-    std::vector<int> column(size_t(ow));
+    std::vector<int> column(static_cast<size_t>(ow));
     for (int x = 0; x < ow; ++x) column[x] = std::min(cw - 1, int(int64_t(2 * x) * cw / width));
     for (int row = 0; row < oh; ++row) {
         const int sy = std::min(ch - 1, int(int64_t(2 * row) * ch / height));

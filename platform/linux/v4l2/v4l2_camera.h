@@ -45,6 +45,7 @@ public:
     ~V4L2Camera() override;
 
     std::shared_ptr<const CMClock> synchronizationClock() const override { return CMClock::hostTimeClock(); }
+    std::optional<std::string> devicePath() const override { return nodePath(); }
     std::unique_ptr<CaptureProducer> startProducing(const CaptureProducerRequest& request,
                                                     CaptureProducerSink sink) override;
 
