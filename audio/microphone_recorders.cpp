@@ -5,7 +5,7 @@
 #include <cmath>
 #include <tuple>
 
-#include "audio/microphone_support.h"
+#include "session/capture_device_support.h"
 #include "output/master_playlist.h"
 #include "platform/av_asset_writer.h"
 #include "platform/av_capture_device.h"
@@ -238,27 +238,6 @@ protected:
     }
 };
 
-namespace {
-
-// What the platform's output settings assistant gives for a source format at
-// the 1080p preset: AAC at the source's rate (at most 48 kHz) and channel count.
-platform::AVSettingsDictionary aacSettingsFor(const platform::AVCaptureDevice& device) {
-    platform::AVSettingsDictionary settings = platform::AVSettingsDictionary::object();
-    settings[platform::AVFormatIDKey] = platform::kAudioFormatMPEG4AAC;
-    double rate = 48000;
-    int channels = 1;
-    if (auto format = device.activeFormat(); format && format->formatDescription())
-        if (const auto& asbd = format->formatDescription()->audioStreamBasicDescription()) {
-            rate = asbd->mSampleRate;
-            channels = int(asbd->mChannelsPerFrame);
-        }
-    settings[platform::AVSampleRateKey] = std::min(rate, 48000.0);
-    settings[platform::AVNumberOfChannelsKey] = channels;
-    settings[platform::AVChannelLayoutKey] = channels == 1 ? "mono" : channels == 2 ? "stereo" : "default";
-    return settings;
-}
-
-}  // namespace
 
 AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& outputDescription,
                                      const std::string& microphoneID, bool leftChannelOnly, double audioDelay,
@@ -282,35 +261,8 @@ AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& ou
     auto device = lookUpMicrophone(microphoneID, logger_);
 
     logger_.info("Resolving settings using AVOutputSettingsAssistant.");
-    audioSettings_ = aacSettingsFor(*device);
-    const int preferred = audioSettings_.value(platform::AVNumberOfChannelsKey, 0);
-    int channels = preferred;
-    if (leftChannelOnly) {
-        logger_.info("Forcing audio channels to 1 because of enabled leftChannelOnly option.",
-                     [&] { return LogMetadata{{"AVNumberOfChannels", std::to_string(preferred)}}; });
-        channels = 1;
-    } else if (preferred <= 0) {
-        logger_.warning("Missing AVNumberOfChannelsKey from AVOutputSettingsAssistant settings, assuming mono.");
-        channels = 1;
-    } else if (preferred >= 3) {
-        logger_.warning("Too many audio channels, capping number of channels in output settings.", [&] {
-            return LogMetadata{{"preferredNumberOfChannels", std::to_string(preferred)},
-                               {"modelId", device->modelID()},
-                               {"localizedName", device->localizedName()},
-                               {"activeFormat", device->activeFormat() ? device->activeFormat()->description() : ""}};
-        });
-        channels = 2;
-    }
-    logger_.info("Configuring audio output settings.", [&] {
-        return LogMetadata{{"preferredNumberOfChannels", std::to_string(preferred)},
-                           {"numberOfChannels", std::to_string(channels)}};
-    });
-    audioSettings_[platform::AVNumberOfChannelsKey] = channels;
-    if (channels == 1 && audioSettings_.contains(platform::AVChannelLayoutKey)) {
-        logger_.info(
-            "Removing AVChannelLayoutKey from audio output settings, because we will only record a single channel.");
-        audioSettings_.erase(platform::AVChannelLayoutKey);
-    }
+    audioSettings_ = aacOutputSettings(*device);
+    const int channels = applyAudioChannelRules(audioSettings_, leftChannelOnly, *device, logger_);
 
     logger_.info("Setting up AssetWriter.");
     if (const auto* single = outputDescription.asSingleFile()) {

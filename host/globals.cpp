@@ -7,12 +7,15 @@
 
 #include <fmt/format.h>
 
+#include "foundation/platform_error.h"
 #include "host/authorization_status_rpc.h"
 #include "host/echo_rpc.h"
+#include "host/live_preview_server.h"
 #include "host/logger_rpc.h"
 #include "host/outgoing_queue.h"
 #include "host/recorder_rpc.h"
 #include "output/ov_logger.h"
+#include "platform/os_log.h"
 
 namespace ov::host::Globals {
 
@@ -64,8 +67,17 @@ HalvernRPC& hvRpc() {
 }
 
 std::shared_ptr<LivePreviewServer> livePreviewServer() {
-    // The preview server is not part of this build yet; hosts get no preview URLs.
-    return nullptr;
+    // Made once; without it the process runs on and hosts get no preview URLs.
+    static const std::shared_ptr<LivePreviewServer> server = []() -> std::shared_ptr<LivePreviewServer> {
+        try {
+            return LivePreviewServer::make();
+        } catch (const std::exception& error) {
+            platform::OSLog(platform::OSLog::defaultSubsystem, "Globals")
+                .error("Failed to initialize LivePreviewServer: " + platform::describeError(error).debugDescription);
+            return nullptr;
+        }
+    }();
+    return server;
 }
 
 void send(std::string_view bytes) { outgoing().send(bytes, OutgoingQueue::Kind::callback); }

@@ -6,6 +6,7 @@
 #include "host/audio_buffer_data.h"
 #include "host/error_payload.h"
 #include "host/globals.h"
+#include "host/live_preview_server.h"
 #include "platform/audio_capabilities.h"
 #include "platform/capture_platform.h"
 #include "session/ov_bundle_info.h"
@@ -60,6 +61,14 @@ Json deviceJSON(const platform::AVCaptureDevice& device) {
     return record;
 }
 
+// A camera's record also says where to watch it while the preview server runs.
+Json cameraJSON(const platform::AVCaptureDevice& device) {
+    Json record = deviceJSON(device);
+    if (auto server = Globals::livePreviewServer())
+        if (auto base = server->baseUrl()) record["preview_url"] = LivePreviewServer::previewURL(*base, device.uniqueID());
+    return record;
+}
+
 // Phones and tablets deliver muxed audio and video; cameras and microphones don't.
 bool isAttachedDevice(const platform::AVCaptureDevice& device) { return device.hasMediaType(AVMediaType::muxed); }
 
@@ -107,6 +116,9 @@ Json getWindows() {
 
 // From the discoveries: connected devices, sorted by name, with availability.
 Json getDevices(CaptureDeviceDiscovery& discovery, bool includeDeskView) {
+    const bool cameras = discovery.kind() == CaptureDeviceDiscovery::Kind::camera;
+    const auto server = cameras ? Globals::livePreviewServer() : nullptr;
+    const auto base = server ? server->baseUrl() : std::nullopt;
     Json list = Json::array();
     for (const auto& device : discovery.devices(includeDeskView)) {
         Json record = Json::object();
@@ -115,6 +127,7 @@ Json getDevices(CaptureDeviceDiscovery& discovery, bool includeDeskView) {
         record["model_id"] = device->modelID();
         record["manufacturer"] = device->manufacturer();
         record["availability"] = std::string(caseName(device->availability()));
+        if (base) record["preview_url"] = LivePreviewServer::previewURL(*base, device->id);
         list.push_back(std::move(record));
     }
     return list;

@@ -159,6 +159,10 @@ public:
 
     // ---- For the capture session.
 
+    // The file system node the device is opened through, where it has one (a
+    // V4L2 camera's /dev/videoN): who else holds the device is found by it.
+    virtual std::optional<std::string> devicePath() const { return std::nullopt; }
+
     // The clock the device stamps samples on, or null for the host time clock.
     virtual std::shared_ptr<const CMClock> synchronizationClock() const = 0;
     // Starts delivering samples of one media type. Throws a PlatformError when

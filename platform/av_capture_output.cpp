@@ -137,6 +137,15 @@ void AVCaptureVideoDataOutput::deliver(const CMSampleBuffer& sampleBuffer,
     }
     if (!queue || delegate.expired()) return;
     auto inFlight = inFlight_;
+    // A device that discarded a frame itself (corrupt, flagged by the driver)
+    // hands a sample without a picture that carries the reason.
+    if (!sampleBuffer.imageBuffer() &&
+        sampleBuffer.attachments().contains(kCMSampleBufferAttachmentKey_DroppedFrameReason)) {
+        queue->async([self = shared_from_this(), delegate, sampleBuffer, connection] {
+            if (auto target = delegate.lock()) target->captureOutputDidDrop(*self, sampleBuffer, *connection);
+        });
+        return;
+    }
     // A frame that finds the delegate still busy is late: it is reported as
     // dropped instead of queueing up behind the others.
     if (discardsLate_ && inFlight->load() > 0) {

@@ -88,7 +88,29 @@ std::vector<std::shared_ptr<AVCaptureConnection>> AVCaptureSession::connections(
     return connections_;
 }
 
+namespace {
+// A sample of a device on `from` (null: the host clock) with its times on `to`.
+CMSampleBuffer restamped(const CMSampleBuffer& sample, const std::shared_ptr<const CMClock>& from,
+                         const std::shared_ptr<const CMClock>& to) {
+    auto timing = sample.sampleTimingInfos();
+    bool changed = false;
+    auto move = [&](CMTime& time) {
+        if (!time.isNumeric()) return;
+        const CMTime host = from ? from->hostTime(time) : time;
+        const CMTime moved = to ? to->clockTime(host) : host;
+        changed = changed || moved != time;
+        time = moved;
+    };
+    for (auto& entry : timing) {
+        move(entry.presentationTimeStamp);
+        move(entry.decodeTimeStamp);
+    }
+    return changed ? sample.copyWithNewTiming(std::move(timing)) : sample;
+}
+}  // namespace
+
 void AVCaptureSession::startRunning() {
+    const auto sessionClock = synchronizationClock();
     std::lock_guard run(runMutex_);
     std::vector<std::shared_ptr<AVCaptureConnection>> connections;
     std::vector<std::shared_ptr<AVCaptureOutput>> outputs;
@@ -110,10 +132,15 @@ void AVCaptureSession::startRunning() {
         CaptureProducerSink sink;
         std::weak_ptr<AVCaptureOutput> weakOutput = output;
         std::weak_ptr<AVCaptureConnection> weakConnection = connection;
-        sink.output = [weakOutput, weakConnection](const CMSampleBuffer& sampleBuffer) {
+        // Every connection's samples come on the session's one clock, so that
+        // devices on different clocks line up.
+        auto deviceClock = connection->input()->device()->synchronizationClock();
+        const bool restamp = deviceClock != sessionClock;
+        sink.output = [weakOutput, weakConnection, restamp, deviceClock, sessionClock](const CMSampleBuffer& sampleBuffer) {
             auto target = weakOutput.lock();
             auto connection = weakConnection.lock();
-            if (target && connection && connection->isEnabled()) target->deliver(sampleBuffer, connection);
+            if (!target || !connection || !connection->isEnabled()) return;
+            target->deliver(restamp ? restamped(sampleBuffer, deviceClock, sessionClock) : sampleBuffer, connection);
         };
         sink.failed = [weakSelf](std::exception_ptr error) {
             if (auto self = weakSelf.lock()) self->reportRuntimeError(error);
@@ -148,7 +175,7 @@ std::shared_ptr<const CMClock> AVCaptureSession::synchronizationClock() const {
     std::lock_guard lock(mutex_);
     for (const auto& input : inputs_)
         if (auto deviceInput = std::dynamic_pointer_cast<AVCaptureDeviceInput>(input))
-            return deviceInput->device()->synchronizationClock();
+            if (auto clock = deviceInput->device()->synchronizationClock()) return clock;
     return nullptr;
 }
 

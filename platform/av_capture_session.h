@@ -47,8 +47,9 @@ public:
     void stopRunning();
     bool isRunning() const;
 
-    // The clock of the first input's device, or null; then sample times are
-    // on the host time clock.
+    // The clock of the first input whose device has one, or null; then sample
+    // times are on the host time clock. Samples of devices on other clocks are
+    // moved onto this one as they arrive.
     std::shared_ptr<const CMClock> synchronizationClock() const;
 
     // Called with each runtime error: a device stopped delivering by itself.

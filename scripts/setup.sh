@@ -25,6 +25,8 @@ packages=(
   chromium
   # sanitizer builds and the libFuzzer target
   clang libclang-rt-14-dev
+  # camera preview pictures and MJPEG cameras
+  libturbojpeg0-dev
 )
 
 missing=()

@@ -178,11 +178,20 @@ public:
 
 class DeviceProducer final : public CaptureProducer {
 public:
-    explicit DeviceProducer(std::unique_ptr<TimedLoop> loop) : loop_(std::move(loop)) {}
-    void stop() override { loop_->stop(); }
+    DeviceProducer(std::unique_ptr<TimedLoop> loop, std::shared_ptr<std::atomic<size_t>> running)
+        : loop_(std::move(loop)), running_(std::move(running)) {
+        ++*running_;
+    }
+    ~DeviceProducer() override { stop(); }
+    void stop() override {
+        loop_->stop();
+        if (!stopped_.exchange(true)) --*running_;
+    }
 
 private:
     std::unique_ptr<TimedLoop> loop_;
+    std::shared_ptr<std::atomic<size_t>> running_;
+    std::atomic<bool> stopped_{false};
 };
 
 }  // namespace
@@ -515,7 +524,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
             sink.output(CMSampleBuffer::makeForImageBuffer(std::move(picture), timing, *description));
             return true;
         };
-        return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticVideo", due, fire));
+        return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticVideo", due, fire), runningProducers_);
     }
 
     const AVAudioFormat format = request.audioFormat.value_or(nativeAudioFormat());
@@ -531,7 +540,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
         sink.output(CMSampleBuffer::makeAudio(*pcm, onClock(bufferStart, clock)));
         return true;
     };
-    return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticAudio", due, fire));
+    return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticAudio", due, fire), runningProducers_);
 }
 
 // ---- Screens.

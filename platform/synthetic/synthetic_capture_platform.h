@@ -20,6 +20,7 @@
 // the world (see synthetic_world.h); tests can also change the world while it
 // runs through the controls below.
 
+#include <atomic>
 #include <deque>
 #include <map>
 #include <memory>
@@ -128,11 +129,15 @@ public:
     void setCenterStageActiveState(bool active) { setCenterStageActive(active); }
     // Disconnects and tells the platform's device observers.
     void disappear();
+    // Producers started and not yet stopped (each capture session's
+    // connection to this device has one).
+    size_t runningProducerCount() const { return runningProducers_->load(); }
 
 private:
     SyntheticDevice model_;
     std::shared_ptr<SyntheticCapturePlatform::State> state_;
     std::shared_ptr<const CMClock> clock_;
+    std::shared_ptr<std::atomic<size_t>> runningProducers_ = std::make_shared<std::atomic<size_t>>(0);
 };
 
 }  // namespace ov::platform

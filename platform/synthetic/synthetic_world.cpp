@@ -106,7 +106,9 @@ void validateAudio(const SyntheticAudio& audio, const std::string& owner) {
 // The pattern is drawn in these; a camera's other formats would need a converter.
 bool isPatternFormat(OSType format) {
     return format == kCVPixelFormatType_32BGRA || format == kCVPixelFormatType_420YpCbCr8BiPlanarVideoRange ||
-           format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange;
+           format == kCVPixelFormatType_420YpCbCr8BiPlanarFullRange ||
+           // Listed like a camera's packed formats; their pictures are drawn as BGRA.
+           format == kCVPixelFormatType_422YpCbCr8_yuvs || format == OV_FOURCC('2', 'v', 'u', 'y');
 }
 
 void validateFrameRate(double frameRate, const std::string& owner) {
@@ -282,7 +284,7 @@ SyntheticVideoFormat decodeFormat(const Decoder& d) {
         format.pixelFormat = decodeFourCC(*pixelFormat);
         if (!isPatternFormat(format.pixelFormat))
             pixelFormat->throwDataCorrupted("Unsupported pixel format \"" + fourCharCodeString(format.pixelFormat) +
-                                            "\"; expected BGRA, 420v or 420f");
+                                            "\"; expected BGRA, 420v, 420f, yuvs or 2vuy");
     }
     format.centerStageSupported = decodeOr<bool>(d, "centerStageSupported", false);
     return format;

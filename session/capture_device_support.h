@@ -1,7 +1,8 @@
 #pragma once
-// What the microphone recorders share with the other capture recorders: the
-// drain of a writer's backlog at finish, the check of a capture session's
-// clock, and where a USB audio device sits on the bus.
+// What the capture recorders (microphones, cameras) share: the audio output
+// settings and their channel rules, the drain of a writer's backlog at finish,
+// the check of a capture session's clock, and where a USB device sits on the
+// bus.
 #include <chrono>
 #include <functional>
 #include <memory>
@@ -10,6 +11,7 @@
 
 #include "output/ov_logger.h"
 #include "platform/av_capture_device.h"
+#include "platform/av_capture_output.h"
 #include "platform/cm_clock.h"
 #include "platform/cm_sample_buffer.h"
 #include "output/unbounded_backpressure_buffer.h"
@@ -29,6 +31,22 @@ std::optional<USBDeviceTopology> usbDeviceTopology(const platform::AVCaptureDevi
 
 // Logs "USB device topology." or "No USB device topology found." at debug level.
 void logUSBDeviceTopology(const platform::AVCaptureDevice& device, const Logger& logger);
+
+// What the platform's output settings assistant gives for a microphone's
+// active format: AAC at its rate (at most 48 kHz) and channel count, with a
+// channel layout key.
+platform::AVSettingsDictionary aacOutputSettings(const platform::AVCaptureDevice& microphone);
+// The recorders' channel rules on those settings, each logged: leftChannelOnly
+// forces one channel, a missing count is taken as one, three or more are
+// capped at two; a single channel loses the layout key. Returns the count.
+int applyAudioChannelRules(platform::AVSettingsDictionary& settings, bool leftChannelOnly,
+                           const platform::AVCaptureDevice& microphone, const Logger& logger);
+
+// Logs a change of a camera's observed configuration key ("activeFormat",
+// "activeVideoMinFrameDuration", ...) and who made it: when the device can't
+// be locked for configuration another process holds it, and the process that
+// has the device open is named.
+void logDeviceActiveConfiguration(platform::AVCaptureDevice& device, const std::string& key, const Logger& logger);
 
 // Checks that a session clock can stand for the host clock: it advances, it
 // agrees with the host clock now and at zero, and the last captured frame is
@@ -54,4 +72,4 @@ void drainBackpressureBuffer(UnboundedBackpressureBuffer<Element>& buffer, const
 
 }  // namespace ov
 
-#include "audio/microphone_support_impl.h"
+#include "session/capture_device_support_impl.h"

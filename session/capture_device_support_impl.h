@@ -1,5 +1,5 @@
 #pragma once
-// Template definitions of microphone_support.h.
+// Template definitions of capture_device_support.h.
 #include <thread>
 
 namespace ov {

@@ -1,6 +1,14 @@
-#include "audio/microphone_support.h"
+#include "session/capture_device_support.h"
 
 #include <fmt/format.h>
+
+#include "platform/av_asset_writer.h"
+
+#include <unistd.h>
+
+#include <cctype>
+#include <filesystem>
+#include <fstream>
 
 #include <cmath>
 #include <filesystem>
@@ -157,6 +165,125 @@ bool validateSessionClock(const std::shared_ptr<const CMClock>& clock, double af
         return false;
     }
     return validateAsSynchronizationClock(*clock, after, lastAudioFrame, logger);
+}
+
+}  // namespace ov
+
+namespace ov {
+
+platform::AVSettingsDictionary aacOutputSettings(const platform::AVCaptureDevice& microphone) {
+    platform::AVSettingsDictionary settings = platform::AVSettingsDictionary::object();
+    settings[platform::AVFormatIDKey] = platform::kAudioFormatMPEG4AAC;
+    double rate = 48000;
+    int channels = 1;
+    if (auto format = microphone.activeFormat(); format && format->formatDescription())
+        if (const auto& asbd = format->formatDescription()->audioStreamBasicDescription()) {
+            rate = asbd->mSampleRate;
+            channels = int(asbd->mChannelsPerFrame);
+        }
+    settings[platform::AVSampleRateKey] = std::min(rate, 48000.0);
+    settings[platform::AVNumberOfChannelsKey] = channels;
+    settings[platform::AVChannelLayoutKey] = channels == 1 ? "mono" : channels == 2 ? "stereo" : "default";
+    return settings;
+}
+
+int applyAudioChannelRules(platform::AVSettingsDictionary& settings, bool leftChannelOnly,
+                           const platform::AVCaptureDevice& microphone, const Logger& logger) {
+    const int preferred = settings.value(platform::AVNumberOfChannelsKey, 0);
+    int channels = preferred;
+    if (leftChannelOnly) {
+        logger.info("Forcing audio channels to 1 because of enabled leftChannelOnly option.",
+                    [&] { return LogMetadata{{"AVNumberOfChannels", std::to_string(preferred)}}; });
+        channels = 1;
+    } else if (preferred <= 0) {
+        logger.warning("Missing AVNumberOfChannelsKey from AVOutputSettingsAssistant settings, assuming mono.");
+        channels = 1;
+    } else if (preferred >= 3) {
+        logger.warning("Too many audio channels, capping number of channels in output settings.", [&] {
+            return LogMetadata{
+                {"preferredNumberOfChannels", std::to_string(preferred)},
+                {"modelId", microphone.modelID()},
+                {"localizedName", microphone.localizedName()},
+                {"activeFormat", microphone.activeFormat() ? microphone.activeFormat()->description() : ""}};
+        });
+        channels = 2;
+    }
+    logger.info("Configuring audio output settings.", [&] {
+        return LogMetadata{{"preferredNumberOfChannels", std::to_string(preferred)},
+                           {"numberOfChannels", std::to_string(channels)}};
+    });
+    settings[platform::AVNumberOfChannelsKey] = channels;
+    if (channels == 1 && settings.contains(platform::AVChannelLayoutKey)) {
+        logger.info("Removing AVChannelLayoutKey from audio output settings, because we will only record a single channel.");
+        settings.erase(platform::AVChannelLayoutKey);
+    }
+    return channels;
+}
+
+}  // namespace ov
+
+namespace ov {
+
+namespace {
+
+// The process other than ours that has a file open whose link text is `node`.
+std::optional<int> processHolding(const std::string& node) {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const int self = int(::getpid());
+    for (const auto& process : fs::directory_iterator("/proc", error)) {
+        const std::string name = process.path().filename().string();
+        if (name.empty() || !std::isdigit(uint8_t(name[0])) || std::atoi(name.c_str()) == self) continue;
+        std::error_code ignored;
+        for (const auto& fd : fs::directory_iterator(process.path() / "fd", ignored)) {
+            std::error_code linkError;
+            if (fs::read_symlink(fd.path(), linkError).string() == node) return std::atoi(name.c_str());
+        }
+    }
+    return std::nullopt;
+}
+
+std::string readLine(const std::filesystem::path& path) {
+    std::ifstream in(path);
+    std::string line;
+    std::getline(in, line);
+    return line;
+}
+
+}  // namespace
+
+void logDeviceActiveConfiguration(platform::AVCaptureDevice& device, const std::string& key, const Logger& logger) {
+    const std::string message = "Active " + key + " of video device changed";
+    auto base = [&] {
+        return LogMetadata{{"deviceId", device.uniqueID()},
+                           {"activeFormat", device.activeFormat() ? device.activeFormat()->description() : "nil"},
+                           {"activeVideoMinFrameDuration", fmt::format("{}", device.activeVideoMinFrameDuration().seconds())},
+                           {"activeVideoMaxFrameDuration", fmt::format("{}", device.activeVideoMaxFrameDuration().seconds())}};
+    };
+    try {
+        device.lockForConfiguration();
+    } catch (const std::exception&) {
+        // Another process holds the device; name it where its node is known.
+        std::string name, path;
+        std::optional<int> pid;
+        if (auto node = device.devicePath()) pid = processHolding(*node);
+        if (pid) {
+            const auto proc = std::filesystem::path("/proc") / std::to_string(*pid);
+            name = readLine(proc / "comm");
+            std::error_code error;
+            path = std::filesystem::read_symlink(proc / "exe", error).string();
+        }
+        logger.warning([&] { return message; }, [&] {
+            auto metadata = base();
+            metadata["otherRunningAppBundleIdentifier"] = pid ? std::to_string(*pid) : "";
+            metadata["otherRunningAppName"] = name;
+            metadata["otherRunningAppURL"] = path.empty() ? "" : "file://" + path;
+            return metadata;
+        });
+        return;
+    }
+    device.unlockForConfiguration();
+    logger.warning([&] { return message; }, base);
 }
 
 }  // namespace ov

@@ -1,6 +1,6 @@
 // The pieces the capture recorders share: the writer drain at finish, the
 // session clock check, and USB locations.
-#include "audio/microphone_support.h"
+#include "session/capture_device_support.h"
 
 #include <gtest/gtest.h>
 
