@@ -6,11 +6,11 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <algorithm>
 #include <thread>
 
 #include "output/streaming_log_writer.h"
