@@ -40,8 +40,12 @@ void MediaPlaylistWriter::writeInitializationSegment(const std::string& filename
 
 void MediaPlaylistWriter::writeSegment(const Segment& segment) {
     queue_.sync([&] {
-        // The newest segment waits for its successor, which settles its length.
-        if (!segments_.empty()) writeSegmentWithFooter(segments_.back(), &segment);
+        // Listed at once with its reported length; its successor settles the
+        // length at the distance between their starts.
+        if (segments_.empty())
+            writeProvisional(segment);
+        else
+            writeSegmentWithFooter(segments_.back(), &segment);
         segments_.push_back(segment);
     });
 }
@@ -65,6 +69,14 @@ int64_t MediaPlaylistWriter::peakBytesPerSecond() {
         }
         return peak;
     });
+}
+
+void MediaPlaylistWriter::writeProvisional(const Segment& segment) {
+    auto& file = fileWriter_.fileHandle();
+    fileWriter_.truncate(contentOffset_);
+    file.write(segment.lines(std::nullopt));
+    file.write(endListTag);
+    fileWriter_.synchronize();
 }
 
 void MediaPlaylistWriter::writeSegmentWithFooter(const Segment& current, const Segment* next) {

@@ -3,10 +3,11 @@
 //
 // The file is a final part (header and every settled entry) followed by a tail
 // that is rewritten with each segment: the newest entry with its provisional
-// duration and the end tag. The newest segment's true length is only known
-// when the next one starts, so it is listed for good one segment late; each
-// commit replaces the published file in one step, so a reader never sees a
-// half-written entry.
+// duration and the end tag. Each segment is published as soon as it is given,
+// with its reported duration; its length as the distance to the next start is
+// settled when that one arrives. Each commit replaces the published file in
+// one step, so a reader (or a recording killed at any moment) sees a whole
+// playlist of every whole segment.
 
 #include <cstdint>
 #include <filesystem>
@@ -54,6 +55,7 @@ public:
     int64_t peakBytesPerSecond();
 
 private:
+    void writeProvisional(const Segment& segment);
     void writeSegmentWithFooter(const Segment& current, const Segment* next);
 
     platform::DispatchQueue queue_{"MediaPlaylistWriter"};

@@ -1,7 +1,6 @@
 #include "output/output_asset_writers.h"
 
-#include <cerrno>
-#include <fstream>
+#include <algorithm>
 
 #include "foundation/platform_error.h"
 #include "platform/task_group.h"
@@ -15,6 +14,38 @@ void startWriting(platform::AVAssetWriter& writer) {
     if (writer.safe_startWriting()) return;
     if (auto error = writer.error()) std::rethrow_exception(error);
     throw OVError(OVError::Code::assetWriterFailed, "Couldn't start writing to AVAssetWriter");
+}
+
+// What a stream will carry, for the master playlist written before any
+// segment has been measured: the configured bit rates, or the encoders'
+// defaults (AAC at 64 kbit/s per channel up to two; video at a tenth of a bit
+// per pixel and frame, about what the real-time presets give for screens).
+int64_t estimatedBitsPerSecond(const platform::AVAssetWriter& writer) {
+    int64_t total = 0;
+    for (const auto& input : writer.inputs()) {
+        const auto& settings = input->outputSettings();
+        if (!settings.is_object()) continue;
+        if (input->mediaType() == platform::AVMediaType::audio) {
+            const int channels = std::max(1, settings.value(platform::AVNumberOfChannelsKey, 1));
+            total += settings.value(platform::AVEncoderBitRateKey, int64_t(64000) * std::min(channels, 2));
+            continue;
+        }
+        const auto compression = settings.value(platform::AVVideoCompressionPropertiesKey, platform::AVSettingsDictionary::object());
+        const int64_t configured = compression.is_object() ? compression.value(platform::AVVideoAverageBitRateKey, int64_t(0)) : 0;
+        if (configured > 0) {
+            total += configured;
+            continue;
+        }
+        const double rate = compression.is_object() ? compression.value(platform::AVVideoExpectedSourceFrameRateKey, 30.0) : 30.0;
+        total += int64_t(double(settings.value(platform::AVVideoWidthKey, 0)) * settings.value(platform::AVVideoHeightKey, 0) *
+                         rate / 10);
+    }
+    return total;
+}
+
+// Replaced in one step: a player reading it meanwhile sees the old or the new text.
+void writeMasterPlaylist(const std::filesystem::path& url, const std::string& text) {
+    OVBoxedSegmentData(std::make_shared<const std::vector<uint8_t>>(text.begin(), text.end())).writeToURL(url, true);
 }
 
 }  // namespace
@@ -68,6 +99,26 @@ std::shared_ptr<platform::AVAssetWriter> MultipleStreamsOutputAssetWriters::audi
 void MultipleStreamsOutputAssetWriters::startWriting() {
     ov::startWriting(*audioSegmentWriter_->assetWriter());
     ov::startWriting(*videoSegmentWriter_->assetWriter());
+    // The streams are known now (each started writer has stored its
+    // initialization segment and opened its playlist): the master playlist
+    // goes out at once, so a recording killed at any later moment plays.
+    // Its bit rates are estimates until finishWriting measures them.
+    const auto variant = [](const std::shared_ptr<SegmentedAssetWriter>& writer) -> std::optional<MasterPlaylist::Variant> {
+        const auto playlist = writer->segmentedAssetWriterDelegate()->playlistWriter();
+        if (!playlist) return std::nullopt;
+        return MasterPlaylist::Variant{playlist->url(), estimatedBitsPerSecond(*writer->assetWriter())};
+    };
+    const auto audio = variant(audioSegmentWriter_), video = variant(videoSegmentWriter_);
+    if (!audio && !video) return;
+    try {
+        writeMasterPlaylist(masterPlaylistURL_, masterPlaylist_.generate(audio, video));
+    } catch (...) {
+        // finishWriting tries again and fails with the same error.
+        const auto error = std::current_exception();
+        logger_.error("Can't write the master playlist at the start, trying again at the end.", [&] {
+            return LogMetadata{{"error", platform::describeError(error).debugDescription}};
+        });
+    }
 }
 
 std::vector<std::filesystem::path> MultipleStreamsOutputAssetWriters::finishWriting() {
@@ -89,12 +140,7 @@ std::vector<std::filesystem::path> MultipleStreamsOutputAssetWriters::finishWrit
         if (!playlist) return std::nullopt;
         return MasterPlaylist::Variant{playlist->url(), playlist->peakBytesPerSecond() * 8};
     };
-    const auto text = masterPlaylist_.generate(variant(playlists[0]), variant(playlists[1]));
-
-    std::ofstream out(masterPlaylistURL_, std::ios::binary | std::ios::trunc);
-    out << text;
-    out.close();
-    if (!out) throw platform::PlatformError::posix(errno, "write " + masterPlaylistURL_.string());
+    writeMasterPlaylist(masterPlaylistURL_, masterPlaylist_.generate(variant(playlists[0]), variant(playlists[1])));
     return {masterPlaylistURL_};
 }
 

@@ -66,9 +66,12 @@ public:
     std::shared_ptr<platform::AVAssetWriter> videoAssetWriter() const override;
     std::shared_ptr<platform::AVAssetWriter> audioAssetWriter() const override;
     // The audio writer first; its failure leaves the video writer unstarted.
+    // Then the master playlist over the streams that started, with estimated
+    // bit rates (a failure there is logged; finishWriting raises it).
     void startWriting() override;
     // Ends both writers in parallel, closes their playlists and writes the
-    // master playlist over the streams that produced segments.
+    // master playlist again over the streams that produced segments, with
+    // their measured peak rates. Playlists are replaced in one step.
     std::vector<std::filesystem::path> finishWriting() override;
     std::vector<std::filesystem::path> expectedFileURLs() const override;
 

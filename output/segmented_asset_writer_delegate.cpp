@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <cmath>
+#include <utility>
 
 #include "platform/file_handle.h"
 #include "platform/file_manager.h"
@@ -98,17 +99,30 @@ void SegmentedAssetWriterDelegate::assetWriterDidOutputSegmentData(
     logger_.debug([&] { return "Writing segment data: " + url.string(); });
     try {
         segmentData.writeToURL(url, true);
-        if (segmentCallback_)
-            segmentCallbackQueue_->async([callback = segmentCallback_, url] { callback(url); });
     } catch (...) {
-        // The playlist lists the segment all the same: a gap in the files is
-        // better than a gap in the timeline.
+        // A segment that isn't stored is neither listed nor announced, and the
+        // writer fails with the file system's error: a recording that can't
+        // store its media must end and say why, not go on with holes.
         const auto error = std::current_exception();
         logger_.error([&] { return "Error writing segment data: " + errorText(error); });
+        {
+            std::lock_guard lock(mutex_);
+            ++segmentCount_;
+        }
+        std::rethrow_exception(error);
     }
     updatePlaylist(filename, segmentData.length(), segmentType, segmentReport);
-    std::lock_guard lock(mutex_);
-    ++segmentCount_;
+    std::exception_ptr publicationFailure;
+    {
+        std::lock_guard lock(mutex_);
+        ++segmentCount_;
+        publicationFailure = std::exchange(publicationFailure_, nullptr);
+    }
+    // A stored segment that no playlist can list is lost all the same.
+    if (publicationFailure) std::rethrow_exception(publicationFailure);
+    // Announced once listed: a host that hears of a segment can play up to it,
+    // whatever happens to the process next.
+    if (segmentCallback_) segmentCallbackQueue_->async([callback = segmentCallback_, url] { callback(url); });
 }
 
 void SegmentedAssetWriterDelegate::updatePlaylist(const std::string& filename, int64_t segmentDataByteCount,
@@ -170,6 +184,8 @@ void SegmentedAssetWriterDelegate::updatePlaylist(const std::string& filename, i
                 const auto error = std::current_exception();
                 logger_.error("Error appending to media playlist writer",
                               [&] { return LogMetadata{{"error", errorText(error)}}; });
+                std::lock_guard lock(mutex_);
+                publicationFailure_ = error;
                 return;
             }
             logger_.debug([&] { return "Appending " + filename + ": " + segment.earliestPTS.logDescription(); });

@@ -7,6 +7,7 @@
 // be driven directly by tests with made-up segments.
 
 #include <cstdint>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <mutex>
@@ -77,10 +78,15 @@ public:
     static std::string segmentFilename(std::string_view filenamePrefix, int64_t segmentCount,
                                        platform::AVAssetSegmentType segmentType);
 
+    // Stores the segment, lists it in the playlist, then announces it. A segment
+    // that can't be stored, or whose playlist entry can't be published, fails
+    // with the file system's error after logging it (the writer then fails);
+    // such a segment is never listed or announced.
     void assetWriterDidOutputSegmentData(const OVBoxedSegmentData& segmentData,
                                          platform::AVAssetSegmentType segmentType,
                                          const platform::AVAssetSegmentReport* segmentReport) override;
-    // Failures are logged here.
+    // Failures are logged here; a failed publication of a media segment's
+    // entry is handed back to assetWriterDidOutputSegmentData.
     void updatePlaylist(const std::string& filename, int64_t segmentDataByteCount,
                         platform::AVAssetSegmentType segmentType, const platform::AVAssetSegmentReport* segmentReport);
     // Closes the playlist and gives its writer. Fails with OVError internalError
@@ -98,6 +104,7 @@ private:
     mutable std::mutex mutex_;
     int64_t segmentCount_ = 0;
     std::shared_ptr<MediaPlaylistWriter> playlistWriter_;
+    std::exception_ptr publicationFailure_;
 };
 
 }  // namespace ov

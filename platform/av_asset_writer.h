@@ -102,6 +102,8 @@ public:
     // One call per finished segment, in order, never two at once for one
     // writer; on a thread of the writer. The report is null for
     // initialization segments. The writer must not be called back from here.
+    // An exception thrown here (a segment that could not be stored) fails the
+    // writer with that error, as a failed write of a file would.
     virtual void didOutputSegmentData(AVAssetWriter& writer, std::shared_ptr<const std::vector<uint8_t>> segmentData,
                                       AVAssetSegmentType segmentType, const AVAssetSegmentReport* segmentReport) = 0;
 };

@@ -13,6 +13,8 @@ packages=(
   libsystemd-dev
   # media encoding and containers; ffprobe/ffmpeg check the files in tests
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev ffmpeg
+  # pixel conversion for the video encoders
+  libyuv-dev
   # microphones on linux; the tests run a private sound server
   libpulse-dev pulseaudio pulseaudio-utils
   # screens on linux (X11 through xcb) and their scaling; the tests run a private Xvfb with openbox

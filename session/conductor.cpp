@@ -3,13 +3,18 @@
 #include <fmt/format.h>
 
 #include <cxxabi.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <thread>
 
 #include "output/streaming_log_writer.h"
+#include "platform/av_asset.h"
 #include "platform/cm_clock.h"
 #include "platform/dispatch_queue.h"
 #include "foundation/platform_error.h"
@@ -63,6 +68,33 @@ std::string typeNameOf(const Recorder& recorder) {
     std::string out = status == 0 && name ? name : typeid(recorder).name();
     std::free(name);
     return out;
+}
+
+// A file beside the others that holds disk space for "orvane.json" while the
+// recording runs, so that a full disk still gets its description.
+constexpr const char* descriptionReserveName = ".orvane.json.reserve";
+constexpr off_t descriptionReserveBytes = 64 * 1024;
+
+bool isDiskFull(const std::exception_ptr& error) {
+    const auto d = platform::describeError(error);
+    return d.domain == "NSPOSIXErrorDomain" && (d.code == ENOSPC || d.code == EDQUOT);
+}
+
+// A full disk is the low-disk stop a host can act on, whichever writer ran into it.
+std::exception_ptr lowDiskSpaceErrorFor(const std::exception_ptr& error) {
+    if (!error || !isDiskFull(error)) return error;
+    return std::make_exception_ptr(OVError(
+        OVError::Code::screenCaptureStoppedLowDiskSpace,
+        std::string(OVError::codeName(OVError::Code::screenCaptureStoppedLowDiskSpace)),
+        std::string("Recording stopped due to low disk space."), {{"optionalError", describe(error)}}));
+}
+
+// Two errors tell of one failure when they describe themselves alike.
+bool sameFailure(const std::exception_ptr& a, const std::exception_ptr& b) {
+    if (a == b) return true;
+    if (!a || !b) return false;
+    const auto da = platform::describeError(a), db = platform::describeError(b);
+    return da.domain == db.domain && da.code == db.code && da.debugDescription == db.debugDescription;
 }
 
 }  // namespace
@@ -129,6 +161,7 @@ Conductor::Conductor(PassKey, const std::string& id, OVRecorderSchema schema, bo
 }
 
 Conductor::~Conductor() {
+    releaseDescriptionSpace();
     if (activityToken_) {
         logger_.info("Activity still active, ending it during deallocation.");
         endActivity();
@@ -271,6 +304,7 @@ OVBundleInfo Conductor::runPrepare(Lock& lock, const std::string& traceID) {
             throw OVError(OVError::Code::fileOperationFailed, "Can't create the output directory: " + ec.message(),
                           std::nullopt, {{"outputDirectory", bundleURL_.string()}});
         logger_.info("Output directory created.", [&] { return traced(traceID, {{"bundleURL", bundleURL_.string()}}); });
+        reserveDescriptionSpace();
 
         logSystemInformation(logger_);
         logAppInformation(logger_);
@@ -322,7 +356,8 @@ OVBundleInfo Conductor::runPrepare(Lock& lock, const std::string& traceID) {
         try {
             platform::TaskGroup<std::vector<OVBundleInfo::FileAsset>> group;
             for (const auto& recorder : recorders) group.add([recorder] { return recorder->prepare(); });
-            for (auto& assets : group.waitThrowing())
+            expectedAssets_ = group.waitThrowing();
+            for (const auto& assets : expectedAssets_)
                 allExpectedAssets.insert(allExpectedAssets.end(), assets.begin(), assets.end());
         } catch (...) {
             lock.lock();
@@ -360,6 +395,7 @@ OVBundleInfo Conductor::runPrepare(Lock& lock, const std::string& traceID) {
     } catch (...) {
         auto error = std::current_exception();
         logger_.error("Failed to prepare.", [&] { return traced(traceID, {{"error", describe(error)}}); });
+        releaseDescriptionSpace();
         State failed = stateOf(Kind::prepareFailed);
         failed.error = error;
         setState(std::move(failed));
@@ -519,6 +555,7 @@ OVRecorderResult Conductor::stopLocked(Lock& lock, const std::string& traceID) {
             case Kind::abortingPrepared: {
                 logger_.info("Stopping recorder that only prepared, not yet started.", [&] { return traced(traceID); });
                 closeLogWriter();
+                releaseDescriptionSpace();
                 auto result = emptyResult();
                 State stopped = stateOf(Kind::stopped);
                 stopped.result = result;
@@ -646,7 +683,17 @@ OVRecorderResult Conductor::runStop(Lock& lock, const std::string& traceID) {
                                     {"recorderID", recorder.id()},
                                     {"error", describe(outcomes[i].error)}});
         });
-        errors.push_back(outcomes[i].error);
+        errors.push_back(lowDiskSpaceErrorFor(outcomes[i].error));
+        // What the recorder wrote before it failed is the user's recording all
+        // the same: every expected file that a player can open is kept and listed.
+        if (i < expectedAssets_.size())
+            for (const auto& asset : expectedAssets_[i]) {
+                if (!platform::AVURLAsset::isPlayable(bundleURL_ / asset.filename)) continue;
+                logger_.info("Keeping the playable file of a recorder that failed to stop.", [&] {
+                    return traced(traceID, {{"recorderID", recorder.id()}, {"filename", asset.filename}});
+                });
+                completedAssets.push_back(asset);
+            }
     }
 
     StableRecordingTimeline stable(recordingTimeline_);
@@ -660,6 +707,7 @@ OVRecorderResult Conductor::runStop(Lock& lock, const std::string& traceID) {
     closeLogWriter();
 
     logger_.info("Writing orvane.json to output folder.", [&] { return traced(traceID); });
+    releaseDescriptionSpace();
     try {
         writeBundleDescription(result);
         logger_.info("Wrote orvane.json to output folder.", [&] { return traced(traceID); });
@@ -690,6 +738,33 @@ OVRecorderResult Conductor::runStop(Lock& lock, const std::string& traceID) {
     setState(std::move(failed));
     endActivity();
     std::rethrow_exception(error);
+}
+
+void Conductor::reserveDescriptionSpace() {
+    const auto path = bundleURL_ / descriptionReserveName;
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
+    if (fd < 0) return;
+    int r = ::posix_fallocate(fd, 0, descriptionReserveBytes);
+    if (r == EOPNOTSUPP || r == EINVAL) {
+        // File systems without allocation get real bytes.
+        const std::vector<char> zeros(size_t(descriptionReserveBytes), 0);
+        r = ::pwrite(fd, zeros.data(), zeros.size(), 0) == ssize_t(zeros.size()) ? 0 : errno;
+    }
+    ::close(fd);
+    descriptionSpaceReserved_ = true;
+    if (r != 0) {
+        logger_.warning("Can't reserve disk space for orvane.json.", [&] {
+            return LogMetadata{{"error", describe(std::make_exception_ptr(platform::PlatformError::posix(r, "fallocate")))}};
+        });
+        std::error_code ec;
+        std::filesystem::remove(path, ec);
+    }
+}
+
+void Conductor::releaseDescriptionSpace() {
+    if (!std::exchange(descriptionSpaceReserved_, false)) return;
+    std::error_code ec;
+    std::filesystem::remove(bundleURL_ / descriptionReserveName, ec);
 }
 
 void Conductor::endActivity() {
@@ -744,13 +819,23 @@ void Conductor::abort(const AbortSignal& signal, const std::string& traceID) {
         break;
     }
 
+    const auto cause = signal.kind == AbortSignal::Kind::interrupted ? lowDiskSpaceErrorFor(signal.error) : nullptr;
     std::optional<OVRecorderAbortReason> reason;
     try {
         auto result = stopLocked(lock, traceID);
-        reason = signal.kind == AbortSignal::Kind::interrupted ? OVRecorderAbortReason::interrupted(result, signal.error)
+        reason = signal.kind == AbortSignal::Kind::interrupted ? OVRecorderAbortReason::interrupted(result, cause)
                                                                : OVRecorderAbortReason::userStopped(result);
     } catch (const OVRecorderPartialResultError& partial) {
-        reason = OVRecorderAbortReason::failed(partial.result, std::make_exception_ptr(partial.groupedErrors));
+        // A recorder whose writer broke (a full disk) fails its finish with the
+        // very error that interrupted the recording: that is one failure, told
+        // once as the interruption, with the files that were kept.
+        const auto& errors = partial.groupedErrors.errors();
+        const bool onlyTheCause = cause && !errors.empty() &&
+                                  std::all_of(errors.begin(), errors.end(),
+                                              [&](const std::exception_ptr& e) { return sameFailure(e, cause); });
+        reason = onlyTheCause
+                     ? OVRecorderAbortReason::interrupted(partial.result, cause)
+                     : OVRecorderAbortReason::failed(partial.result, std::make_exception_ptr(partial.groupedErrors));
     }
 
     logger_.info("Aborted recording.", [&] { return traced(traceID, {{"reason", reason->logErrorDescription()}}); });

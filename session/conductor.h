@@ -117,6 +117,10 @@ private:
     void openLogFile();
     void closeLogWriter();
     void endActivity();
+    // Holds room for the description in the bundle from prepare until the
+    // description is written (a full disk must not cost it).
+    void reserveDescriptionSpace();
+    void releaseDescriptionSpace();
     AbortFunction makeRecorderAbortFunction();
     OVRecorderResult emptyResult() const;
 
@@ -129,6 +133,9 @@ private:
     std::filesystem::path bundleURL_;
     AbortHandler onAbort_;
     std::vector<std::shared_ptr<Recorder>> recorders_;
+    // What each recorder said at prepare it would write, by recorder position.
+    std::vector<std::vector<OVBundleInfo::FileAsset>> expectedAssets_;
+    bool descriptionSpaceReserved_ = false;
     std::shared_ptr<platform::ActivityToken> activityToken_;
     Logger logger_;
     std::shared_ptr<VolatileRecordingTimeline> recordingTimeline_;

@@ -28,7 +28,7 @@ MediaPlaylistWriter::Segment segment(const std::string& name, CMTime earliest, C
     return {name, earliest, duration, bytes, std::nullopt};
 }
 
-TEST(MediaPlaylistWriterTest, PublishesEachSegmentWhenItsSuccessorArrives) {
+TEST(MediaPlaylistWriterTest, PublishesEachSegmentAtOnceAndSettlesItWhenItsSuccessorArrives) {
     TempDirectory dir;
     const auto url = dir / "rec-video.m3u8";
     MediaPlaylistWriter writer(url);
@@ -40,7 +40,8 @@ TEST(MediaPlaylistWriterTest, PublishesEachSegmentWhenItsSuccessorArrives) {
     // The reported durations (6 s) differ from the distances between starts
     // (5.5 s, then 6.25 s), as an encoder's cut points do.
     writer.writeSegment(segment("rec-video-0001.m4s", CMTime(0, 600), CMTime(3600, 600), 1000));
-    EXPECT_EQ(readFile(url), header) << "the first segment leaves the published playlist unchanged";
+    EXPECT_EQ(readFile(url), header + "#EXTINF:6.00000,\nrec-video-0001.m4s\n#EXT-X-ENDLIST")
+        << "the first segment is published at once, with its reported duration";
 
     writer.writeSegment(segment("rec-video-0002.m4s", CMTime(5500, 1000), CMTime(6, 1), 2000));
     const std::string first = "#EXTINF:5.50000,\nrec-video-0001.m4s\n";
@@ -70,12 +71,13 @@ TEST(MediaPlaylistWriterTest, ClosingBeforeAnySegmentPublishesTheHeaderAndTheEnd
               "#EXT-X-ENDLIST");
 }
 
-TEST(MediaPlaylistWriterTest, ASingleSegmentIsListedOnlyAtClose) {
+TEST(MediaPlaylistWriterTest, ASingleSegmentIsListedAtOnceAndStaysListedAtClose) {
     TempDirectory dir;
     MediaPlaylistWriter writer(dir / "rec-video.m3u8");
     writer.writeInitializationSegment("rec-video-0000.mp4", 6);
     writer.writeSegment(segment("rec-video-0001.m4s", CMTime(0, 1), CMTime(1001, 3000), 10));
-    EXPECT_EQ(readFile(dir / "rec-video.m3u8"), header);
+    EXPECT_EQ(readFile(dir / "rec-video.m3u8"), header + "#EXTINF:0.33367,\nrec-video-0001.m4s\n#EXT-X-ENDLIST")
+        << "a killed recording keeps it";
     writer.close();
     EXPECT_EQ(readFile(dir / "rec-video.m3u8"), header + "#EXTINF:0.33367,\nrec-video-0001.m4s\n#EXT-X-ENDLIST");
 }

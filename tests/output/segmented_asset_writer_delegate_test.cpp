@@ -10,6 +10,7 @@
 #include "output/segmented_asset_writer.h"
 #include "output/segmented_asset_writer_delegate.h"
 #include "foundation/ov_error.h"
+#include "foundation/platform_error.h"
 #include "support/log_capture.h"
 #include "support/temp_directory.h"
 
@@ -161,7 +162,7 @@ TEST(SegmentedAssetWriterDelegateTest, ASecondInitializationSegmentKeepsTheFirst
     EXPECT_EQ(readFile(f.dir / "rec-video-0001.mp4"), "init2");
 }
 
-TEST(SegmentedAssetWriterDelegateTest, AFailedSegmentWriteIsListedButNotAnnounced) {
+TEST(SegmentedAssetWriterDelegateTest, AFailedSegmentWriteIsNeitherListedNorAnnouncedAndFailsTheCall) {
     SegmentFixture f;
     f.delegate.assetWriterDidOutputSegmentData(bytes("init"), AVAssetSegmentType::initialization, nullptr);
     // A directory in the segment's place makes its write fail.
@@ -169,17 +170,39 @@ TEST(SegmentedAssetWriterDelegateTest, AFailedSegmentWriteIsListedButNotAnnounce
     fs::create_directory(f.dir / "rec-video-0001.m4s" / "occupied");
     auto r1 = reportOf(CMTime(0, 1), CMTime(2, 1));
     auto r2 = reportOf(CMTime(2, 1), CMTime(2, 1));
-    f.delegate.assetWriterDidOutputSegmentData(bytes("lost"), AVAssetSegmentType::separable, &r1);
-    f.delegate.assetWriterDidOutputSegmentData(bytes("kept"), AVAssetSegmentType::separable, &r2);
+    try {
+        f.delegate.assetWriterDidOutputSegmentData(bytes("lost"), AVAssetSegmentType::separable, &r1);
+        ADD_FAILURE() << "a segment that can't be stored fails the writer's call";
+    } catch (const platform::PlatformError& e) {
+        EXPECT_EQ(e.domain(), "NSPOSIXErrorDomain") << "the file system's own error";
+    }
     const auto errorLine = [&] {
         for (const auto& l : f.log.lines())
             if (l.message.rfind("Error writing segment data: ", 0) == 0) return true;
         return false;
     };
     EXPECT_TRUE(errorLine());
+    EXPECT_EQ(readFile(f.dir / "rec-video.m3u8"), header3) << "nothing is listed for the lost segment";
+    // Called again (a writer would have failed by now), names stay unique.
+    f.delegate.assetWriterDidOutputSegmentData(bytes("kept"), AVAssetSegmentType::separable, &r2);
     EXPECT_EQ(f.announcements(), (std::vector<fs::path>{f.dir / "rec-video-0000.mp4", f.dir / "rec-video-0002.m4s"}));
-    EXPECT_NE(readFile(f.dir / "rec-video.m3u8").find("rec-video-0001.m4s"), std::string::npos);
+    const auto playlist = readFile(f.dir / "rec-video.m3u8");
+    EXPECT_EQ(playlist.find("rec-video-0001.m4s"), std::string::npos) << playlist;
+    EXPECT_NE(playlist.find("rec-video-0002.m4s"), std::string::npos) << playlist;
     EXPECT_FALSE(fs::exists(f.dir / "rec-video-0001.m4s.partial"));
+}
+
+TEST(SegmentedAssetWriterDelegateTest, ASegmentWhosePlaylistCantBePublishedFailsTheCall) {
+    SegmentFixture f;
+    f.delegate.assetWriterDidOutputSegmentData(bytes("init"), AVAssetSegmentType::initialization, nullptr);
+    // The commit goes through "<playlist>.tmp": a directory there breaks it.
+    fs::create_directory(f.dir / "rec-video.tmp");
+    fs::create_directory(f.dir / "rec-video.tmp" / "occupied");
+    auto r1 = reportOf(CMTime(0, 1), CMTime(2, 1));
+    EXPECT_THROW(f.delegate.assetWriterDidOutputSegmentData(bytes("first"), AVAssetSegmentType::separable, &r1),
+                 platform::PlatformError);
+    EXPECT_TRUE(f.log.contains("Error appending to media playlist writer"));
+    EXPECT_EQ(readFile(f.dir / "rec-video.m3u8"), header3);
 }
 
 TEST(SegmentedAssetWriterDelegateTest, WritingAPlaylistThatNeverStartedFails) {
