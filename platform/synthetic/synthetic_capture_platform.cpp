@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -105,6 +106,7 @@ struct FaultPlan {
         for (const auto& fault : faults) {
             if (static_cast<double>(elapsed) < fault.after * 1e9) continue;
             if (fault.kind == SyntheticFault::Kind::silentUntilCenterStageToggle) continue;  // the device's own
+            if (fault.kind == SyntheticFault::Kind::hangsOnStop) continue;                   // the producer's
             if (fault.kind == SyntheticFault::Kind::goesIdle) {
                 idle = true;
             } else if (!terminal || fault.after < terminal->after) {
@@ -170,11 +172,18 @@ public:
 
 class DeviceProducer final : public CaptureProducer {
 public:
-    explicit DeviceProducer(std::unique_ptr<TimedLoop> loop) : loop_(std::move(loop)) {}
-    void stop() override { loop_->stop(); }
+    DeviceProducer(std::unique_ptr<TimedLoop> loop, bool hangsOnStop)
+        : loop_(std::move(loop)), hangsOnStop_(hangsOnStop) {}
+    void stop() override {
+        // A driver stuck in a read: the stop doesn't return, and delivery
+        // goes on meanwhile.
+        if (std::exchange(hangsOnStop_, false)) std::this_thread::sleep_for(std::chrono::seconds(60));
+        loop_->stop();
+    }
 
 private:
     std::unique_ptr<TimedLoop> loop_;
+    bool hangsOnStop_;
 };
 
 }  // namespace
@@ -355,6 +364,9 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
         }
     };
     const uint64_t centerStageAtStart = centerStageChanges();
+    const bool hangsOnStop = std::any_of(model_.faults.begin(), model_.faults.end(), [](const SyntheticFault& fault) {
+        return fault.kind == SyntheticFault::Kind::hangsOnStop;
+    });
 
     // Ends delivery as a fault or the device's state says; false when the
     // event is to be delivered.
@@ -408,7 +420,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
             sink.output(CMSampleBuffer::makeForImageBuffer(std::move(picture), timing, *description));
             return true;
         };
-        return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticVideo", due, fire));
+        return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticVideo", due, fire), hangsOnStop);
     }
 
     const AVAudioFormat format = request.audioFormat.value_or(nativeAudioFormat());
@@ -424,7 +436,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
         sink.output(CMSampleBuffer::makeAudio(*pcm, onClock(bufferStart, clock)));
         return true;
     };
-    return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticAudio", due, fire));
+    return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticAudio", due, fire), hangsOnStop);
 }
 
 // ---- Screens.
