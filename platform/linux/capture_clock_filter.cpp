@@ -45,7 +45,7 @@ CaptureClockFilter::Stamp CaptureClockFilter::stamp(int64_t position, int64_t fr
     } else {
         farOff_ = 0;
     }
-    error = std::clamp(error, -options_.maxError, options_.maxError);
+    error = std::clamp(error, -options_.maxError, options_.maxLateError);
 
     // The loop, in the form used for sound-card clocks: the error moves the
     // line by b·e and its slope by c·e, with b and c from the bandwidth and the

@@ -38,9 +38,13 @@ public:
         // 20 µs per 20 ms chunk, far below what anyone hears or a retimer
         // minds).
         double maxSlew = 1e-3;
-        // An observation further than this from the loop's line is taken as a
-        // hiccup of the scheduler and pulls the loop by this much at most.
+        // Arrivals are only ever late (a busy scheduler, a loaded server),
+        // never early: an observation earlier than the loop's line counts in
+        // full up to maxError, a later one only up to maxLateError, so the
+        // loop follows the early edge of the arrivals rather than their
+        // load-dependent mean.
         double maxError = 0.005;
+        double maxLateError = 0.0005;
         // A device that keeps being this far off (a suspended source, a
         // server that restarted the stream) restarts the loop and the line.
         double resyncError = 0.25;

@@ -109,8 +109,8 @@ void expectInterruptedKeepingTheFile(const json& abort, const std::string& code,
         << abort.dump();
     auto info = probeMedia(bundle / "mic.m4a");
     ASSERT_EQ(info["streams"].size(), 1u) << info.dump();
-    EXPECT_NEAR(playedDuration(info), params["result"]["info"]["duration"].get<double>(), 1024.0 / 48000)
-        << info.dump();
+    // Within 0.1 s: the last chunks before a fault may or may not have made it.
+    EXPECT_NEAR(playedDuration(info), params["result"]["info"]["duration"].get<double>(), 0.1) << info.dump();
     EXPECT_TRUE(std::filesystem::exists(bundle / "orvane.json"));
 }
 
