@@ -29,6 +29,15 @@ std::vector<CMSampleBuffer> AudioGapFiller::process(const CMSampleBuffer& sample
     auto gapMetadata = [&] {
         return LogMetadata{{"nextTime", nextTime_->logDescription()}, {"delta", delta.logDescription()}};
     };
+    // Less than one frame apart is no gap: times rounded to the nanosecond
+    // (host clock stamps of buffers whose length isn't a whole number of
+    // nanoseconds) meet within a frame, and no silence is that short.
+    const auto& timing = sampleBuffer.sampleTimingInfos();
+    const CMTime frame = timing.size() == 1 && timing[0].duration.isNumeric() ? timing[0].duration : CMTime();
+    if (frame.isNumeric() && frame > platform::kCMTimeZero && delta < frame && -delta < frame) {
+        nextTime_ = pts + dur;
+        return {sampleBuffer};
+    }
     if (delta > platform::kCMTimeZero) {
         logger_.debug("Detected gap in audio.", gapMetadata);
         const auto& format = sampleBuffer.formatDescription();

@@ -327,7 +327,7 @@ TEST_F(LivePreviewServerTest, ChromiumShowsTheStreamInAnImageAndAnUnknownCameraN
 
     const auto unknown = testing::commandOutput("timeout 30 chromium " + flags + " --dump-dom 'file://" +
                                                 (dir / "unknown.html").string() + "' 2>/dev/null");
-    EXPECT_EQ(unknown.find("data-state"), std::string::npos) << unknown;
+    EXPECT_EQ(unknown.find("data-state=\""), std::string::npos) << unknown;
     EXPECT_NE(unknown.find("<img id=\"preview\""), std::string::npos) << unknown;
 
     const auto screenshot = artifactDirectory() / "live-preview.png";

@@ -127,7 +127,7 @@ TEST(SyntheticWorld, BadInputNamesTheCodingPath) {
         {{{"displayz", Json::array()}}, ".displayz"},
         {{{"cameras", {{{"uniqueID", "cam"}, {"formatz", Json::array()}}}}}, ".cameras[0].formatz"},
         {{{"cameras", {camera, {{"uniqueID", "cam"}}}}}, ".cameras[1].uniqueID"},
-        {{{"cameras", {{{"uniqueID", "cam"}, {"formats", {{{"width", 64}, {"height", 32}, {"pixelFormat", "2vuy"}}}}}}}},
+        {{{"cameras", {{{"uniqueID", "cam"}, {"formats", {{{"width", 64}, {"height", 32}, {"pixelFormat", "v210"}}}}}}}},
          ".cameras[0].formats[0].pixelFormat"},
         {{{"cameras", {{{"uniqueID", "cam"}, {"activeFormat", 5}}}}}, ".cameras[0].activeFormat"},
         {{{"microphones", {{{"uniqueID", "mic"}, {"audio", {{"sampleRate", "fast"}}}}}}}, ".microphones[0].audio.sampleRate"},

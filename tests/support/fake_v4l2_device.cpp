@@ -370,6 +370,12 @@ void FakeV4L2Io::generate(Node* node, uint64_t generation) {
         auto generator = node->device.generator;
         lock.unlock();
         FakeV4L2Frame frame = generator(sequence++, format.pixelformat, format.width, format.height);
+        // Stamped when "captured", as drivers do, not when dequeued.
+        if (!frame.timestamp) {
+            timespec now;
+            clock_gettime(CLOCK_MONOTONIC, &now);
+            frame.timestamp = timeval{now.tv_sec, now.tv_nsec / 1000};
+        }
         lock.lock();
         if (node->generation != generation) break;
         // Like a driver: with no buffer queued the frame is lost.

@@ -6,6 +6,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <thread>
 
 #include "foundation/ov_error.h"
@@ -313,8 +316,20 @@ TEST(MovieFileRecorderTest, AWriterErrorAbortsOnceAsInterrupted) {
     LogCapture log;
     std::mutex mutex;
     std::vector<AbortSignal> aborts;
-    // Every write to /dev/full fails with "no space left".
-    auto recorder = makeRecorder("/dev/full", timeline, log.loggerFor("test"), {}, [&](AbortSignal signal) {
+    // Files may not grow beyond 32 KiB for now: the writer's first fragment fails (EFBIG).
+    TempDirectory dir;
+    struct FileSizeLimit {
+        rlimit previous{};
+        FileSizeLimit() {
+            ::signal(SIGXFSZ, SIG_IGN);
+            ::getrlimit(RLIMIT_FSIZE, &previous);
+            rlimit small = previous;
+            small.rlim_cur = 32 * 1024;
+            ::setrlimit(RLIMIT_FSIZE, &small);
+        }
+        ~FileSizeLimit() { ::setrlimit(RLIMIT_FSIZE, &previous); }
+    } limit;
+    auto recorder = makeRecorder(dir / "full.mov", timeline, log.loggerFor("test"), {}, [&](AbortSignal signal) {
         std::lock_guard lock(mutex);
         aborts.push_back(signal);
     });
