@@ -82,7 +82,9 @@ void CapturePlatform::setCenterStageControlMode(AVCaptureCenterStageControlMode 
 }
 
 std::optional<CGDisplayMode> CapturePlatform::displayMode(CGDirectDisplayID displayID) const {
-    for (const auto& display : shareableContent(false, false).displays())
+    // Held in a variable: a loop over the temporary's list would read freed memory.
+    const auto content = shareableContent(false, false);
+    for (const auto& display : content.displays())
         if (display.displayID == displayID)
             return CGDisplayMode{display.width, display.height, display.width, display.height, 0};
     return std::nullopt;

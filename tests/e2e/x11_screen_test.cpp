@@ -2,6 +2,7 @@
 // openbox: listing displays and windows, and recording a display.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <thread>
 
 #include "e2e/rpc_fixture.h"
@@ -121,6 +122,35 @@ TEST_F(X11OverRpc, RecordsAnIdleDisplayAtAboutOneFramePerSecond) {
     EXPECT_LE(times.size(), size_t(std::floor(duration)) + 3);
     std::sort(times.begin(), times.end());
     for (size_t i = 1; i < times.size(); ++i) EXPECT_LE(times[i] - times[i - 1], 1.15);
+}
+
+TEST_F(X11OverRpc, ShowsTheCursorOnlyWhenAskedFor) {
+    HelperWindows helper(*server_, {{0, 0, 1920, 1080, 0xffffff, "White"}});
+    ASSERT_EQ(server_->run("xdotool mousemove --sync 500 400"), 0);
+    for (bool shows : {true, false}) {
+        SetUp();  // a fresh process per recording
+        TempDirectory temp;
+        const auto bundle = temp / "cursor.orvane";
+        const auto r = record({{"type", "display"}, {"display", displayID()}, {"shows_cursor", shows}, {"filename", "screen.mov"}},
+                              bundle, 1.5);
+        if (screenRecorderMissing(r)) GTEST_SKIP() << "no screen recorder on this build yet: " << r.dump();
+        ASSERT_EQ(r["status"], 200) << r.dump();
+        // The last decoded picture, as grey bytes, around the pointer.
+        const auto raw = temp / "frame.gray";
+        ASSERT_EQ(std::system(("ffmpeg -v error -sseof -0.5 -i '" + (bundle / "screen.mov").string() +
+                               "' -frames:v 1 -vf crop=60:60:470:370 -pix_fmt gray -f rawvideo -y '" + raw.string() + "'")
+                                  .c_str()),
+                  0);
+        std::ifstream in(raw, std::ios::binary);
+        const std::string bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+        ASSERT_EQ(bytes.size(), 3600u);
+        const auto dark = std::count_if(bytes.begin(), bytes.end(), [](char c) { return uint8_t(c) < 0x60; });
+        if (shows) {
+            EXPECT_GT(dark, 10);
+        } else {
+            EXPECT_EQ(dark, 0);
+        }
+    }
 }
 
 TEST_F(X11OverRpc, WindowBasedCropRecordsTheWindowsFrameRoundedToEven) {
