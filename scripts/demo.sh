@@ -29,9 +29,10 @@ def call(message, show=True):
 for action in ["getDisplays", "getMicrophones", "getCameras"]:
     params = {"params": {"includeDeskView": False}} if action == "getCameras" else {}
     call({"procedure": "perform", "type": "Recorder", "action": action, **params})
-# The synthetic world's microphone, recorded to a file; ORVANE_DEMO_ITEMS
-# replaces the items with a JSON array of the host's own.
-items = [{"type": "microphone", "microphone": "synthetic-microphone", "filename": "microphone.m4a"}]
+# The synthetic world's display and microphone, each recorded to a file;
+# ORVANE_DEMO_ITEMS replaces the items with a JSON array of the host's own.
+items = [{"type": "display", "display": 1, "filename": "screen.mov"},
+         {"type": "microphone", "microphone": "synthetic-microphone", "filename": "microphone.m4a"}]
 if os.environ.get("ORVANE_DEMO_ITEMS"):
     items = json.loads(os.environ["ORVANE_DEMO_ITEMS"])
 call({"procedure": "init", "type": "Recorder", "target": "recorder-1",
@@ -53,7 +54,7 @@ for name in sorted(os.listdir(bundle)):
 print("orvane.json:")
 print(open(os.path.join(bundle, "orvane.json")).read())
 for entry in json.load(open(os.path.join(bundle, "orvane.json")))["files"]:
-    probe = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=codec_name,sample_rate,channels:format=duration",
+    probe = subprocess.run(["ffprobe", "-v", "error", "-show_entries", "stream=codec_name,width,height,sample_rate,channels:format=duration",
                             "-of", "compact", os.path.join(bundle, entry["filename"])], capture_output=True, text=True)
     print(entry["filename"] + ":", probe.stdout.strip().replace("\n", "; "))
 PY
