@@ -124,7 +124,9 @@ TEST(ShareableContent, AfterOneAnswerATimeoutNeverRestartsAndARefusalPassesUncha
 TEST(ShareableContent, ConcurrentCallersTakeTurnsInArrivalOrder) {
     Service service;
     LogCapture log;
-    service.platform->scriptShareableContent({after(0.3), after(0.0), after(0.0)});
+    // Later answers take a moment too, so that a caller that was let go
+    // records its turn before the next caller's answer can come.
+    service.platform->scriptShareableContent({after(0.3), after(0.1), after(0.1)});
     std::mutex mutex;
     std::vector<int> finished;
     std::vector<std::thread> callers;
