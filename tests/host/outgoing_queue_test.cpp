@@ -73,7 +73,7 @@ TEST(OutgoingQueue, ANonReadingHostLosesTheOldestStreamDataAndNothingElse) {
     OutgoingQueue queue(pipe.fds[1], limit, [&](uint64_t dropped, bool caughtUp) {
         if (caughtUp) {
             ++caughtUpReports;
-            reportedTotal = dropped;
+            reportedTotal += dropped;  // each episode reports its own count
         } else {
             ++startReports;
         }
@@ -86,7 +86,10 @@ TEST(OutgoingQueue, ANonReadingHostLosesTheOldestStreamDataAndNothingElse) {
     }
     EXPECT_LE(queue.queuedStreamDataBytes(), limit);
     EXPECT_GT(queue.droppedCount(), 1500u);
-    EXPECT_EQ(startReports, 1);
+    // One report as dropping starts; the writer may catch up for a moment
+    // (the pipe takes 64 KiB) and start a second episode, but not many.
+    EXPECT_GE(startReports, 1);
+    EXPECT_LE(startReports, 3);
 
     const auto lines = pipe.readLines();
     std::vector<int> stream;
@@ -101,7 +104,7 @@ TEST(OutgoingQueue, ANonReadingHostLosesTheOldestStreamDataAndNothingElse) {
     EXPECT_EQ(stream.back(), 1999) << "the newest data is kept";
     EXPECT_EQ(stream.size() + queue.droppedCount(), 2000u);
     EXPECT_TRUE(queue.flush(1s));
-    EXPECT_EQ(caughtUpReports, 1);
+    EXPECT_EQ(caughtUpReports, startReports.load()) << "every episode ends with its count";
     EXPECT_EQ(reportedTotal, queue.droppedCount());
 }
 
