@@ -4,7 +4,7 @@
 
 #include "platform/capture_platform.h"
 #include "platform/dispatch_queue.h"
-#include "sources/mac_model_specs.h"
+#include "sources/machine_model.h"
 #include "sources/ov_user_preferred.h"
 
 namespace ov {

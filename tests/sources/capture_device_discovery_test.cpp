@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/synthetic/synthetic_capture_platform.h"
-#include "sources/mac_model_specs.h"
+#include "sources/machine_model.h"
 #include "sources/ov_user_preferred.h"
 #include "sources/user_defaults.h"
 

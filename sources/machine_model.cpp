@@ -1,4 +1,4 @@
-#include "sources/mac_model_specs.h"
+#include "sources/machine_model.h"
 
 #include <charconv>
 #include <map>
