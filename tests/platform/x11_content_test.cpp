@@ -33,7 +33,8 @@ size_t positionOf(const SCShareableContent& content, uint32_t id) {
 template <class Done>
 SCShareableContent contentWhen(X11ScreenProvider& provider, Done done, bool onScreenOnly = false) {
     SCShareableContent content;
-    for (int i = 0; i < 100; ++i) {
+    const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
+    while (std::chrono::steady_clock::now() < deadline) {
         content = provider.shareableContent(false, onScreenOnly);
         if (done(content)) break;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));

@@ -40,7 +40,8 @@ protected:
     SCShareableContent content() { return provider_->shareableContent(false, false); }
     SCDisplay display() { return content().displays().at(0); }
     SCWindow window(uint32_t id) {
-        for (int i = 0; i < 100; ++i) {
+        const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
+        while (std::chrono::steady_clock::now() < deadline) {
             const auto listed = content();
             for (const auto& w : listed.windows())
                 if (w.windowID == id && w.isOnScreen) return w;

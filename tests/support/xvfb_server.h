@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <xcb/xcb.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -24,12 +25,24 @@
 
 namespace ov::testing {
 
+// How long a server, window manager or client may take to come up. Generous:
+// a loaded two-core machine starts them in seconds, and only a failure waits it out.
+inline constexpr std::chrono::milliseconds kStartLimit{30000};
+
 class XvfbServer {
 public:
     explicit XvfbServer(bool withWindowManager = false, std::string size = "1920x1080x24")
         : size_(std::move(size)), withWindowManager_(withWindowManager) {
         if (const char* old = std::getenv("DISPLAY")) oldDisplay_ = old;
-        start(std::nullopt);
+        try {
+            start(std::nullopt);
+        } catch (...) {
+            // No destructor runs for a constructor that throws: leave nothing running.
+            stop();
+            if (oldDisplay_) ::setenv("DISPLAY", oldDisplay_->c_str(), 1);
+            else ::unsetenv("DISPLAY");
+            throw;
+        }
     }
     ~XvfbServer() {
         stop();
@@ -118,7 +131,7 @@ private:
         ::close(fds[1]);
         std::string text;
         char buffer[32];
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
         ::fcntl(fds[0], F_SETFL, O_NONBLOCK);
         while (text.find('\n') == std::string::npos && std::chrono::steady_clock::now() < deadline) {
             const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
@@ -143,7 +156,7 @@ private:
         const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(c)).data->root;
         const char name[] = "_NET_SUPPORTING_WM_CHECK";
         auto* atom = xcb_intern_atom_reply(c, xcb_intern_atom(c, 0, sizeof name - 1, name), nullptr);
-        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+        const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
         bool up = false;
         while (!up && std::chrono::steady_clock::now() < deadline) {
             auto* reply = xcb_get_property_reply(
@@ -153,8 +166,39 @@ private:
             if (!up) std::this_thread::sleep_for(std::chrono::milliseconds(20));
         }
         std::free(atom);
+        // openbox announces itself before it has loaded its theme and fonts; on a
+        // fresh machine that can take seconds, and windows mapped meanwhile stay
+        // unmanaged and unexposed. A window it has reparented proves it is managing.
+        if (up) up = windowManagerManages(c, root);
         xcb_disconnect(c);
         if (!up) throw std::runtime_error("openbox did not start");
+    }
+
+    // A window mapped while openbox is between its scan of existing windows and
+    // taking over map requests is never managed: each probe gets a second, then
+    // a fresh window tries again.
+    static bool windowManagerManages(xcb_connection_t* c, xcb_window_t root) {
+        const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(c)).data;
+        const auto deadline = std::chrono::steady_clock::now() + kStartLimit;
+        while (std::chrono::steady_clock::now() < deadline) {
+            const xcb_window_t probe = xcb_generate_id(c);
+            xcb_create_window(c, XCB_COPY_FROM_PARENT, probe, root, 0, 0, 10, 10, 0, XCB_WINDOW_CLASS_INPUT_OUTPUT,
+                              screen->root_visual, 0, nullptr);
+            xcb_map_window(c, probe);
+            xcb_flush(c);
+            const auto probeEnd = std::min(deadline, std::chrono::steady_clock::now() + std::chrono::seconds(1));
+            bool managed = false;
+            while (!managed && std::chrono::steady_clock::now() < probeEnd) {
+                auto* tree = xcb_query_tree_reply(c, xcb_query_tree(c, probe), nullptr);
+                managed = tree && tree->parent != root;
+                std::free(tree);
+                if (!managed) std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            }
+            xcb_destroy_window(c, probe);
+            std::free(xcb_get_input_focus_reply(c, xcb_get_input_focus(c), nullptr));
+            if (managed) return true;
+        }
+        return false;
     }
 
     std::string size_;
@@ -186,7 +230,7 @@ public:
         }
         process_ = std::make_unique<ChildProcess>(ORVANE_TEST_HELPER_PATH, args,
                                                   std::map<std::string, std::string>{{"DISPLAY", server.display()}});
-        auto line = process_->readLine(std::chrono::milliseconds(10000));
+        auto line = process_->readLine(kStartLimit);
         if (!line || line->rfind("ready", 0) != 0) throw std::runtime_error("the helper windows did not come up");
         std::istringstream in(line->substr(5));
         uint32_t id;
