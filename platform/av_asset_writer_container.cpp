@@ -26,6 +26,8 @@ struct AssetWriterContainer::Track {
     // The fragment being built, for segment reports.
     std::optional<int64_t> fragmentFirstPts;
     int64_t fragmentEndPts = 0;
+    // File: a packet of this track is in the file or in the open fragment.
+    bool written = false;
 
     ~Track() { av_packet_free(&heldPacket); }
 };
@@ -100,11 +102,12 @@ void AssetWriterContainer::writeHeader() {
     } else {
         if (std::filesystem::exists(path_))
             throw PlatformError(errorDomainName(), EEXIST, "The output file already exists: " + path_);
-        // Fragments of about a second keep the file playable if the process dies;
-        // the movie header waits for the first fragment so that it can carry
-        // the audio priming as an edit list.
-        av_dict_set(&options, "movflags", "+delay_moov+default_base_moof+write_colr", 0);
-        av_dict_set(&options, "frag_duration", "1000000", 0);
+        // Fragments of about a second keep the file playable if the process dies.
+        // The movie header waits for the first fragment so that it can carry the
+        // audio priming as an edit list; that fragment is cut as soon as every
+        // track has a packet, so that a process killed in its first second still
+        // leaves a file that plays.
+        av_dict_set(&options, "movflags", "+frag_custom+delay_moov+default_base_moof+write_colr", 0);
         const int opened = avio_open(&format_->pb, path_.c_str(), AVIO_FLAG_WRITE);
         if (opened < 0) av_dict_free(&options);
         check(opened, "Can't create the output file");
@@ -167,9 +170,22 @@ void AssetWriterContainer::writeNow(Track& track, AVPacket* packet) {
     }
     if (!track.fragmentFirstPts) track.fragmentFirstPts = packet->pts;
     track.fragmentEndPts = std::max(track.fragmentEndPts, packet->pts + packet->duration);
+    const double seconds = double(packet->pts) / double(rate);
     av_packet_rescale_ts(packet, track.encoder->time_base, track.stream->time_base);
     check(av_write_frame(format_, packet),
           track.mediaType == AVMediaType::audio ? "Can't write audio" : "Can't write video");
+    if (!segmented_) {
+        track.written = true;
+        if (!firstPacketSeconds_) firstPacketSeconds_ = seconds;
+        const bool allTracks =
+            std::all_of(tracks_.begin(), tracks_.end(), [](const auto& t) { return t->written; });
+        if (!lastFragmentSeconds_ ? allTracks || seconds - *firstPacketSeconds_ >= kFragmentSeconds
+                                  : seconds - *lastFragmentSeconds_ >= kFragmentSeconds) {
+            check(av_write_frame(format_, nullptr), "Can't write a fragment");
+            avio_flush(format_->pb);
+            lastFragmentSeconds_ = seconds;
+        }
+    }
     noteDurable();
 }
 

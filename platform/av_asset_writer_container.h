@@ -86,8 +86,12 @@ private:
     std::vector<std::unique_ptr<Track>> tracks_;
     bool headerWritten_ = false;
     bool abandoned_ = false;
-    // File: bytes on disk that end at a whole fragment.
+    // File: bytes on disk that end at a whole fragment; the first packet's time
+    // and when the last fragment was cut.
     int64_t durableBytes_ = 0;
+    static constexpr double kFragmentSeconds = 1.0;
+    std::optional<double> firstPacketSeconds_;
+    std::optional<double> lastFragmentSeconds_;
     // Segments.
     SegmentSink sink_;
     std::vector<uint8_t> segmentBytes_;

@@ -32,14 +32,12 @@ int killCount() {
     return 3;
 }
 
-// The earliest kill, in seconds after start's answer. A single file has no
-// movie header until its first fragment (about a second in), so a kill
-// before that leaves nothing playable: a known fault, which the full-count
-// script reaches by setting ORVANE_KILL_EARLIEST lower; the suite starts
-// past it so that it does not fail at random.
+// The earliest kill, in seconds after start's answer: early enough to hit a
+// single file's first second, where its movie header is written with the first
+// fragment (cut as soon as every track has a packet).
 double earliestKill() {
     if (const char* text = std::getenv("ORVANE_KILL_EARLIEST")) return std::max(0.1, std::atof(text));
-    return 1.5;
+    return 0.3;
 }
 
 struct Listing {

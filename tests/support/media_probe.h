@@ -33,6 +33,14 @@ inline double playedDuration(const nlohmann::json& info) {
     double start = 0;
     for (const auto& s : info["streams"])
         if (s.contains("start_time")) start = std::min(start, std::stod(s["start_time"].get<std::string>()));
+    // A file that holds a moment's audio only (a recording killed in its first
+    // fragment) has no format duration: what it plays is its longest stream.
+    if (!info["format"].contains("duration")) {
+        double longest = 0;
+        for (const auto& s : info["streams"])
+            if (s.contains("duration")) longest = std::max(longest, std::stod(s["duration"].get<std::string>()));
+        return longest;
+    }
     return std::stod(info["format"]["duration"].get<std::string>()) + start;
 }
 
