@@ -153,12 +153,12 @@ private:
                 // The seed already closed the previous interval: at the seam it
                 // would be a duplicate.
                 logger_.debug("Dropping first item, because it's a seed item.",
-                              [&] { return LogMetadata{{"time", time.logDescription()}}; });
+                              [&t = time] { return LogMetadata{{"time", t.logDescription()}}; });
                 continue;
             }
             if (position == InPosition::subsequentRepeat && supressRepeats) {
                 logger_.debug("Dropping subsequent repeat item, because repeats are supressed.",
-                              [&] { return LogMetadata{{"time", time.logDescription()}}; });
+                              [&t = time] { return LogMetadata{{"time", t.logDescription()}}; });
                 lastSupressedRepeat_ = entry;
                 continue;
             }
