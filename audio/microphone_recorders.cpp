@@ -264,21 +264,12 @@ AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& ou
     audioSettings_ = aacOutputSettings(*device);
     const int channels = applyAudioChannelRules(audioSettings_, leftChannelOnly, *device, logger_);
 
-    logger_.info("Setting up AssetWriter.");
-    if (const auto* single = outputDescription.asSingleFile()) {
-        outputAssetWriters_ = std::make_shared<SingleFileOutputAssetWriters>(single->url, logger_);
-        logger_.info("AssetWriter for single file output ready.");
-    } else {
-        const auto* streams = outputDescription.asMultipleStreams();
-        MasterPlaylist playlist;
-        playlist.audioChannelsCount = channels;
-        playlist.audioTrackName = "Microphone";
-        playlist.audioCodecName = "mp4a.40.2";
-        outputAssetWriters_ = std::make_shared<MultipleStreamsOutputAssetWriters>(
-            streams->directoryURL, streams->filenamePrefix, streams->segmentCallback, audioSegmentDuration,
-            videoSegmentDuration, playlist, logger_);
-        logger_.info("AssetWriter for stream output ready.");
-    }
+    MasterPlaylist playlist;
+    playlist.audioChannelsCount = channels;
+    playlist.audioTrackName = "Microphone";
+    playlist.audioCodecName = "mp4a.40.2";
+    outputAssetWriters_ = makeOutputAssetWriters(outputDescription, playlist, audioSegmentDuration,
+                                                 videoSegmentDuration, logger_);
     auto writer = outputAssetWriters_->audioAssetWriter();
     coordinator_->audioAssetWriter = writer;
     std::weak_ptr<platform::AVAssetWriter> weakWriter = writer;

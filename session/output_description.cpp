@@ -22,4 +22,24 @@ std::string sideFilename(const ScreenRecordingOutputOptions& options, const std:
     return segmented->filenamePrefix.value_or(withoutLastExtension(fallbackFilename)) + "." + extension;
 }
 
+std::shared_ptr<OutputAssetWriters> makeOutputAssetWriters(const OutputDescription& output,
+                                                           const MasterPlaylist& playlist,
+                                                           double audioSegmentDuration, double videoSegmentDuration,
+                                                           const Logger& logger,
+                                                           const std::function<LogMetadata()>& streamReadyMetadata) {
+    logger.info("Setting up AssetWriter.");
+    if (const auto* single = output.asSingleFile()) {
+        auto writers = std::make_shared<SingleFileOutputAssetWriters>(single->url, logger);
+        logger.info("AssetWriter for single file output ready.");
+        return writers;
+    }
+    const auto* streams = output.asMultipleStreams();
+    auto writers = std::make_shared<MultipleStreamsOutputAssetWriters>(
+        streams->directoryURL, streams->filenamePrefix, streams->segmentCallback, audioSegmentDuration,
+        videoSegmentDuration, playlist, logger);
+    if (streamReadyMetadata) logger.info("AssetWriter for stream output ready.", streamReadyMetadata);
+    else logger.info("AssetWriter for stream output ready.");
+    return writers;
+}
+
 }  // namespace ov

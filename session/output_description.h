@@ -3,9 +3,14 @@
 // prefix and a callback per finished segment.
 
 #include <filesystem>
+#include <functional>
+#include <memory>
 #include <string>
 #include <variant>
 
+#include "output/master_playlist.h"
+#include "output/ov_logger.h"
+#include "output/output_asset_writers.h"
 #include "session/schema_options.h"
 
 namespace ov {
@@ -51,5 +56,15 @@ OutputDescription outputDescription(const Options& options, const std::filesyste
 // and the extension. A prefix keeps any dots it has.
 std::string sideFilename(const ScreenRecordingOutputOptions& options, const std::string& fallbackFilename,
                          const std::string& extension);
+
+// The writers of a recorder's output: one file, or segments with their master
+// playlist, whose tracks the recorder names. Logs what every recorder logs
+// around it; `streamReadyMetadata` adds the recorder's own keys to the
+// segmented case's "ready" line.
+std::shared_ptr<OutputAssetWriters> makeOutputAssetWriters(const OutputDescription& output,
+                                                           const MasterPlaylist& playlist,
+                                                           double audioSegmentDuration, double videoSegmentDuration,
+                                                           const Logger& logger,
+                                                           const std::function<LogMetadata()>& streamReadyMetadata = {});
 
 }  // namespace ov

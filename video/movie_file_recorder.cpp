@@ -357,30 +357,21 @@ MovieFileRecorder::MovieFileRecorder(std::string id, const OutputDescription& ou
     videoSettings_ = webcamVideoSettings(mode, videoSize_, minFrameDuration, keyframeIntervalDuration);
 
     // 10. Writers.
-    logger_.info("Setting up AssetWriter.");
-    if (const auto* single = outputDescription.asSingleFile()) {
-        outputAssetWriters_ = std::make_shared<SingleFileOutputAssetWriters>(single->url, logger_);
-        logger_.info("AssetWriter for single file output ready.");
-    } else {
-        const auto* streams = outputDescription.asMultipleStreams();
-        MasterPlaylist playlist;
-        playlist.audioChannelsCount = channels;
-        playlist.audioTrackName = "Microphone";
-        playlist.audioCodecName = "mp4a.40.2";
-        playlist.videoTrackName = "Camera";
-        playlist.videoCodecName = playlistVideoCodecName(mode);
-        playlist.videoResolution = MasterPlaylist::Resolution{videoSettings_[platform::AVVideoWidthKey].get<int32_t>(),
-                                                              videoSettings_[platform::AVVideoHeightKey].get<int32_t>()};
-        outputAssetWriters_ = std::make_shared<MultipleStreamsOutputAssetWriters>(
-            streams->directoryURL, streams->filenamePrefix, streams->segmentCallback, audioSegmentDuration,
-            videoSegmentDuration, playlist, logger_);
-        logger_.info("AssetWriter for stream output ready.", [&] {
-            return LogMetadata{{"audioSegmentDuration", std::to_string(audioSegmentDuration)},
-                               {"videoSegmentDuration", std::to_string(videoSegmentDuration)},
-                               {"keyframeIntervalDuration",
-                                keyframeIntervalDuration ? fmt::format("{}", *keyframeIntervalDuration) : "nil"}};
-        });
-    }
+    MasterPlaylist playlist;
+    playlist.audioChannelsCount = channels;
+    playlist.audioTrackName = "Microphone";
+    playlist.audioCodecName = "mp4a.40.2";
+    playlist.videoTrackName = "Camera";
+    playlist.videoCodecName = playlistVideoCodecName(mode);
+    playlist.videoResolution = MasterPlaylist::Resolution{videoSettings_[platform::AVVideoWidthKey].get<int32_t>(),
+                                                          videoSettings_[platform::AVVideoHeightKey].get<int32_t>()};
+    outputAssetWriters_ = makeOutputAssetWriters(outputDescription, playlist, audioSegmentDuration,
+                                                 videoSegmentDuration, logger_, [&] {
+        return LogMetadata{{"audioSegmentDuration", std::to_string(audioSegmentDuration)},
+                           {"videoSegmentDuration", std::to_string(videoSegmentDuration)},
+                           {"keyframeIntervalDuration",
+                            keyframeIntervalDuration ? fmt::format("{}", *keyframeIntervalDuration) : "nil"}};
+    });
 
     // 11. A writer error ends the recording, once.
     auto aborted = std::make_shared<std::atomic<bool>>(false);

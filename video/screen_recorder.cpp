@@ -271,33 +271,25 @@ ScreenRecorder::ScreenRecorder(std::string id, OutputDescription outputDescripti
     }
 
     // Writers.
-    logger_.info("Setting up AssetWriter.");
-    if (const auto* single = outputDescription_.asSingleFile()) {
-        outputAssetWriters_ = std::make_shared<SingleFileOutputAssetWriters>(single->url, logger_);
-        logger_.info("AssetWriter for single file output ready.");
-    } else {
+    MasterPlaylist playlist;
+    const auto channels = audioSettings_.find(platform::AVNumberOfChannelsKey);
+    playlist.audioChannelsCount =
+        channels != audioSettings_.end() && channels->is_number_integer() ? channels->get<int>() : 1;
+    playlist.audioTrackName = "System Audio";
+    playlist.audioCodecName = "mp4a.40.2";
+    playlist.videoTrackName = "Screen Recording";
+    playlist.videoCodecName = playlistVideoCodecName(mode);
+    playlist.videoResolution = MasterPlaylist::Resolution{videoDimensions_.width, videoDimensions_.height};
+    outputAssetWriters_ = makeOutputAssetWriters(outputDescription_, playlist, audioSegmentDuration,
+                                                 videoSegmentDuration, logger_, [&] {
         const auto* streams = outputDescription_.asMultipleStreams();
-        MasterPlaylist playlist;
-        const auto channels = audioSettings_.find(platform::AVNumberOfChannelsKey);
-        playlist.audioChannelsCount =
-            channels != audioSettings_.end() && channels->is_number_integer() ? channels->get<int>() : 1;
-        playlist.audioTrackName = "System Audio";
-        playlist.audioCodecName = "mp4a.40.2";
-        playlist.videoTrackName = "Screen Recording";
-        playlist.videoCodecName = playlistVideoCodecName(mode);
-        playlist.videoResolution = MasterPlaylist::Resolution{videoDimensions_.width, videoDimensions_.height};
-        outputAssetWriters_ = std::make_shared<MultipleStreamsOutputAssetWriters>(
-            streams->directoryURL, streams->filenamePrefix, streams->segmentCallback, audioSegmentDuration,
-            videoSegmentDuration, playlist, logger_);
-        logger_.info("AssetWriter for stream output ready.", [&] {
-            return LogMetadata{{"directoryURL", streams->directoryURL.string()},
-                               {"filenamePrefix", streams->filenamePrefix},
-                               {"audioSegmentDuration", std::to_string(audioSegmentDuration)},
-                               {"videoSegmentDuration", std::to_string(videoSegmentDuration)},
-                               {"keyframeIntervalDuration",
-                                keyframeIntervalDuration ? fmt::format("{}", *keyframeIntervalDuration) : "nil"}};
-        });
-    }
+        return LogMetadata{{"directoryURL", streams->directoryURL.string()},
+                           {"filenamePrefix", streams->filenamePrefix},
+                           {"audioSegmentDuration", std::to_string(audioSegmentDuration)},
+                           {"videoSegmentDuration", std::to_string(videoSegmentDuration)},
+                           {"keyframeIntervalDuration",
+                            keyframeIntervalDuration ? fmt::format("{}", *keyframeIntervalDuration) : "nil"}};
+    });
     const auto observe = [this](const std::shared_ptr<platform::AVAssetWriter>& writer, const char* message) {
         std::weak_ptr<platform::AVAssetWriter> weakWriter = writer;
         errorObservations_.push_back(
