@@ -135,6 +135,19 @@ DecodedMonoAudio readAudioFileAsMonoFloat(const std::filesystem::path& path, dou
         check(got, "Audio conversion failed for " + name);
         result.samples.insert(result.samples.end(), out.begin(), out.begin() + got);
     }
+    // The encoder's priming lies before time zero and the last packet is padded:
+    // keep what plays, from zero for the stream's duration.
+    const AVStream* audio = r.format->streams[stream];
+    if (audio->start_time != AV_NOPTS_VALUE && audio->start_time < 0) {
+        const double priming = -audio->start_time * av_q2d(audio->time_base);
+        const auto skip = std::min(result.samples.size(), static_cast<size_t>(std::lround(priming * outRate)));
+        result.samples.erase(result.samples.begin(), result.samples.begin() + static_cast<std::ptrdiff_t>(skip));
+        if (r.format->duration > 0) {
+            const double plays = double(r.format->duration) / AV_TIME_BASE - priming;
+            const auto keep = static_cast<size_t>(std::max<long>(0, std::lround(plays * outRate)));
+            if (keep < result.samples.size()) result.samples.resize(keep);
+        }
+    }
     return result;
 }
 

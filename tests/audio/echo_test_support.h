@@ -2,6 +2,7 @@
 // What the echo cancellation tests share: the 30 s scene with a known echo
 // path, ERLE over its far-only windows, and mono sample buffers.
 #include <cmath>
+#include <algorithm>
 #include <cstdio>
 #include <memory>
 #include <vector>
@@ -23,15 +24,16 @@ struct EchoScene {
     std::vector<float> far, near, echo, mic;
     size_t delaySamples = 0;
 
-    static EchoScene make(double delayMs, bool tail = false, uint32_t seed = 7) {
+    // `seconds` below 30 cuts the scene short.
+    static EchoScene make(double delayMs, bool tail = false, uint32_t seed = 7, int seconds = 30) {
         EchoScene s;
-        const size_t n = 30 * kRate;
-        s.far = speechLike(30.0, kRate, seed, -20.0);
-        for (size_t i = 20 * kRate; i < 26 * kRate; ++i) s.far[i] = 0;
-        const auto nearVoice = speechLike(30.0, kRate, seed + 100, -26.0);
+        const size_t n = size_t(seconds) * kRate;
+        s.far = speechLike(seconds, kRate, seed, -20.0);
+        for (size_t i = 20 * kRate; i < std::min(n, size_t(26 * kRate)); ++i) s.far[i] = 0;
+        const auto nearVoice = speechLike(seconds, kRate, seed + 100, -26.0);
         s.near.assign(n, 0.0f);
-        for (size_t i = 12 * kRate; i < 18 * kRate; ++i) s.near[i] = nearVoice[i];
-        for (size_t i = 21 * kRate; i < 25 * kRate; ++i) s.near[i] = nearVoice[i];
+        for (size_t i = 12 * kRate; i < std::min(n, size_t(18 * kRate)); ++i) s.near[i] = nearVoice[i];
+        for (size_t i = 21 * kRate; i < std::min(n, size_t(25 * kRate)); ++i) s.near[i] = nearVoice[i];
         s.delaySamples = static_cast<size_t>(std::lround(delayMs * kRate / 1000.0));
         s.echo.assign(n, 0.0f);
         const double gain = std::pow(10.0, -6.0 / 20);

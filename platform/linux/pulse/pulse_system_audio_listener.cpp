@@ -193,6 +193,13 @@ public:
             }
             pa_stream_write(s, chunk.data(), chunk.size() * sizeof(int16_t), nullptr, 0, PA_SEEK_RELATIVE);
         }, &cursor);
+        // The server tells when the stream really plays: an idle sink takes a
+        // moment (up to about a second) to start rendering, and its monitors
+        // deliver nothing until it does.
+        std::atomic<bool> started{false};
+        pa_stream_set_started_callback(player, [](pa_stream*, void* flag) {
+            static_cast<std::atomic<bool>*>(flag)->store(true);
+        }, &started);
         pa_cvolume muted;
         pa_cvolume_mute(&muted, 1);
         if (pa_stream_connect_playback(player, nullptr, nullptr, PA_STREAM_START_MUTED, &muted, nullptr) < 0) {
@@ -201,6 +208,7 @@ public:
             fail(code, "Can't play the test tone");
         }
         auto stopPlayer = [&] {
+            pa_stream_set_started_callback(player, nullptr, nullptr);
             pa_stream_set_write_callback(player, nullptr, nullptr);
             pa_stream_disconnect(player);
             pa_stream_unref(player);
@@ -215,6 +223,8 @@ public:
             const uint32_t index = pa_stream_get_index(player);
             // Some servers ignore the volume given at connect; mute it again by index.
             connection.await(pa_context_set_sink_input_mute(connection.context(), index, 1, nullptr, nullptr));
+            const auto startDeadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
+            while (!started && std::chrono::steady_clock::now() < startDeadline) connection.waitBriefly();
             record(connection, nullptr, index, seconds, onBuffer);
         } catch (...) {
             stopPlayer();
