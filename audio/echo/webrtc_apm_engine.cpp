@@ -49,7 +49,8 @@ void check(int code, const char* what, std::atomic<int>& failures) {
 class ApmEngine final : public EchoCancelEngine {
 public:
     static std::unique_ptr<ApmEngine> make(int sampleRate, EchoCancelEngineOptions options) {
-        rtc::scoped_refptr<webrtc::AudioProcessing> apm = webrtc::AudioProcessingBuilder().Create();
+        // Create() gives a raw pointer in 1.x and a scoped_refptr later; both convert.
+        rtc::scoped_refptr<webrtc::AudioProcessing> apm(webrtc::AudioProcessingBuilder().Create());
         if (!apm) return nullptr;
         webrtc::AudioProcessing::Config config;
         config.echo_canceller.enabled = true;
