@@ -65,7 +65,14 @@ MicrophoneCoordinator::MicrophoneCoordinator(std::shared_ptr<StableRecordingTime
 }
 
 void MicrophoneCoordinator::captureOutput(platform::AVCaptureOutput& output, const CMSampleBuffer& sampleBuffer,
-                                          platform::AVCaptureConnection&) {
+                                          platform::AVCaptureConnection& connection) {
+    retimeAndDeliver(output, sampleBuffer, connection);
+    // Echo cancellation sees the microphone as it arrives, before retiming.
+    if (onMicAudio) onMicAudio(sampleBuffer);
+}
+
+void MicrophoneCoordinator::retimeAndDeliver(platform::AVCaptureOutput& output, const CMSampleBuffer& sampleBuffer,
+                                             platform::AVCaptureConnection&) {
     const double arrival = platform::hostTimeNow().seconds();
     if (useTimeline_) {
         audioPrepareAdaptor.append(sampleBuffer);
@@ -251,9 +258,7 @@ AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& ou
       microphoneID_(microphoneID),
       sampleBufferQueue_(std::make_shared<platform::DispatchQueue>("AudioFileRecorder.SampleBufferQueue")),
       onAbort_(std::move(onAbort)) {
-    if (echoCancellation != EchoCancellation::off)
-        throw OVError(OVError::Code::configurationNotSupported,
-                      std::string("Echo cancellation is not supported by this build."));
+    echoCancellation_ = echoCancellation;
     coordinator_ = std::make_shared<Coordinator>(recordingTimeline_, useTimeline_, logger_, onAbort_, audioDelay);
     coordinator_->captureSession = platform::AVCaptureSession::make();
     coordinator_->audioOutput = platform::AVCaptureAudioDataOutput::make();
@@ -293,6 +298,23 @@ AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& ou
     configureSession(*coordinator_, device, logger_);
     if (audioDelay != 0)
         logger_.info("Audio delay configured.", [&] { return LogMetadata{{"audioDelay", fmt::format("{}", audioDelay)}}; });
+
+    if (echoCancellation != EchoCancellation::off) {
+        EchoCancellationURLs urls;
+        if (const auto* single = outputDescription.asSingleFile()) {
+            singleFileURL_ = single->url;
+            urls = echoCancellationURLs(echoCancellation, single->url.parent_path(), single->url.filename().string(), id_);
+        } else {
+            urls = echoCancellationURLs(echoCancellation, outputDescription.asMultipleStreams()->directoryURL,
+                                        std::nullopt, id_);
+        }
+        ecProcessor_ = EchoCancellationProcessor::make(echoCancellation, urls.online, urls.reference, urls.offline,
+                                                       *recordingTimeline_, true, logger_, onAbort_);
+        std::weak_ptr<EchoCancellationProcessor> weak = ecProcessor_;
+        coordinator_->onMicAudio = [weak](const CMSampleBuffer& sample) {
+            if (auto processor = weak.lock()) processor->feedMicAudio(sample);
+        };
+    }
 }
 
 AudioFileRecorder::~AudioFileRecorder() {
@@ -320,14 +342,24 @@ std::vector<OVBundleInfo::FileAsset> AudioFileRecorder::prepare() {
     // before the timeline opens its first interval.
     outputAssetWriters_->startWriting();
     logger_.info("Prepared.");
-    return fileAssets();
+    auto assets = fileAssets();
+    if (ecProcessor_) {
+        ecProcessor_->startTap();
+        for (auto& asset : ecProcessor_->expectedFileAssets()) assets.push_back(asset);
+    }
+    return assets;
 }
 
 std::vector<OVBundleInfo::FileAsset> AudioFileRecorder::finish() {
     struct Finished {
         const Logger& logger;
-        ~Finished() { logger.info("Finished."); }
-    } finished{logger_};
+        std::shared_ptr<EchoCancellationProcessor>& processor;
+        ~Finished() {
+            logger.info("Finished.");
+            processor.reset();
+        }
+    } finished{logger_, ecProcessor_};
+    if (ecProcessor_) ecProcessor_->stopTap();
     coordinator_->captureSession->stopRunning();
     std::exception_ptr chopperError;
     onQueue(*sampleBufferQueue_, [&] {
@@ -359,7 +391,24 @@ std::vector<OVBundleInfo::FileAsset> AudioFileRecorder::finish() {
 
     audioInput_->markAsFinished();
     outputAssetWriters_->finishWriting();
-    return fileAssets();
+    auto assets = fileAssets();
+    if (ecProcessor_) {
+        ecProcessor_->finishOnline(endTime && std::isfinite(*endTime) ? CMTime::makeWithSeconds(*endTime, 1'000'000'000)
+                                                                      : CMTime());
+        if (echoCancellation_ == EchoCancellation::aec3Offline || echoCancellation_ == EchoCancellation::aec3Both) {
+            try {
+                if (!singleFileURL_)
+                    throw OVError(OVError::Code::configurationNotSupported,
+                                  std::string("The offline pass needs a single microphone file, not segments."));
+                ecProcessor_->runOfflinePass(*singleFileURL_);
+            } catch (...) {
+                const auto error = std::current_exception();
+                logger_.error("Offline echo cancellation failed.", [&] { return LogMetadata{{"error", errorText(error)}}; });
+            }
+        }
+        for (auto& asset : ecProcessor_->completedFileAssets()) assets.push_back(asset);
+    }
+    return assets;
 }
 
 // ---- AudioStreamRecorder ------------------------------------------------------------------------
@@ -461,9 +510,24 @@ std::vector<OVBundleInfo::FileAsset> AudioStreamRecorder::finish() {
 
 // ---- assembly -----------------------------------------------------------------------------------
 
+namespace {
+
+// Echo cancellation needs the machine's output as its reference: a build or
+// a machine without system audio capture refuses the item rather than record
+// without it.
+void requireEchoReference(EchoCancellation mode) {
+    if (mode == EchoCancellation::off || echoReferenceSourceFactory()) return;
+    throw OVError(OVError::Code::configurationNotSupported,
+                  std::string("Echo cancellation requires system audio capture, which this build lacks."),
+                  std::string("Echo cancellation requires capturing the system's audio output."));
+}
+
+}  // namespace
+
 std::vector<std::shared_ptr<Recorder>> makeMicrophoneRecorders(const MicrophoneFileSchemaItem& item,
                                                                const OutputDescription& output,
                                                                const RecorderAssemblyContext& context) {
+    requireEchoReference(item.echoCancellation);
     return {std::make_shared<AudioFileRecorder>(
         item.id, output, item.microphoneID, item.leftChannelOnly, item.audioDelay, item.echoCancellation,
         context.audioSegmentDuration, context.videoSegmentDuration,
@@ -473,6 +537,7 @@ std::vector<std::shared_ptr<Recorder>> makeMicrophoneRecorders(const MicrophoneF
 
 std::vector<std::shared_ptr<Recorder>> makeMicrophoneRecorders(const MicrophoneStreamSchemaItem& item,
                                                                const RecorderAssemblyContext& context) {
+    requireEchoReference(item.echoCancellation);
     return {std::make_shared<AudioStreamRecorder>(
         item.id, item.microphoneID, item.echoCancellation,
         std::make_shared<StableRecordingTimeline>(*context.recordingTimeline), context.useTimeline, context.logger,

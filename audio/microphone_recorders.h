@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "audio/echo/echo_cancellation_processor.h"
 #include "output/av_asset_writer_input_buffer_adaptor.h"
 #include "output/output_asset_writers.h"
 #include "output/ov_logger.h"
@@ -46,10 +47,14 @@ public:
 
     std::shared_ptr<platform::AVCaptureSession> captureSession;
     std::shared_ptr<platform::AVCaptureAudioDataOutput> audioOutput;
+    // Every captured sample as it arrives, before retiming (echo cancellation).
+    std::function<void(const platform::CMSampleBuffer&)> onMicAudio;
     PrepareRingBufferAdapter<platform::CMSampleBuffer> audioPrepareAdaptor;
     RecordingTimelineBoundedAudioStream audioChopper;
 
 protected:
+    void retimeAndDeliver(platform::AVCaptureOutput& output, const platform::CMSampleBuffer& sampleBuffer,
+                          platform::AVCaptureConnection& connection);
     // The stage after retiming: shift and write, or fill gaps and stream.
     virtual void deliver(const platform::CMSampleBuffer& sample) = 0;
     // The first sample of the recording starts the writer's session here.
@@ -98,6 +103,10 @@ private:
     platform::KeyValueObservation errorObservation_;
     AbortFunction onAbort_;
     platform::AVSettingsDictionary audioSettings_;
+    EchoCancellation echoCancellation_ = EchoCancellation::off;
+    std::shared_ptr<EchoCancellationProcessor> ecProcessor_;
+    // The microphone file the offline pass reads; absent for segmented output.
+    std::optional<std::filesystem::path> singleFileURL_;
 };
 
 class AudioStreamRecorder final : public Recorder {

@@ -67,6 +67,14 @@ const Cases<wire::AudioOutput> kAudioOutputs = {{"singleFile", wire::AudioOutput
 const Cases<wire::Backend> kBackends = {{"screenCaptureKit", wire::Backend::screenCaptureKit},
                                         {"coreAudio", wire::Backend::coreAudio},
                                         {"_beta_coreAudio", wire::Backend::_beta_coreAudio}};
+// The short names are the wire's; the long ones are the library's, taken too.
+const Cases<EchoCancellation> kEchoCancellations = {{"off", EchoCancellation::off},
+                                                    {"online", EchoCancellation::aec3Online},
+                                                    {"offline", EchoCancellation::aec3Offline},
+                                                    {"both", EchoCancellation::aec3Both},
+                                                    {"aec3Online", EchoCancellation::aec3Online},
+                                                    {"aec3Offline", EchoCancellation::aec3Offline},
+                                                    {"aec3Both", EchoCancellation::aec3Both}};
 const Cases<wire::SystemAudioMode> kModes = {{"exclude", wire::SystemAudioMode::exclude},
                                              {"include", wire::SystemAudioMode::include}};
 
@@ -206,6 +214,8 @@ wire::Item decodeItem(const Decoder& d, ItemType type) {
             item.microphone = d.decode<std::string>("microphone");
             item.leftChannelOnly = flag(d, "leftChannelOnly", false);
             item.audioDelay = d.decodeIfPresent<double>("audioDelay").value_or(0);
+            item.echoCancellation = decodeEnumIfPresent(d, "echoCancellation", "EchoCancellation", kEchoCancellations)
+                                        .value_or(EchoCancellation::off);
             item.output = decodeAudioOutput(d);
             item.file = decodeFileKeys(d);
             item.streamCallback = d.decodeIfPresent<std::string>("streamCallback");
@@ -326,7 +336,7 @@ struct ItemConverter {
             // The host reads 32-bit float, one plane per channel.
             return OVRecorderSchemaItem::microphone(w.microphone, AudioStreamConfiguration{32, true, false},
                                                     EchoCancellation::off, microphoneStreamFor(w.streamCallback, context));
-        return OVRecorderSchemaItem::microphone(w.microphone, w.leftChannelOnly, w.audioDelay, EchoCancellation::off,
+        return OVRecorderSchemaItem::microphone(w.microphone, w.leftChannelOnly, w.audioDelay, w.echoCancellation,
                                                 audioOutput(w.output, w.file, context));
     }
 };

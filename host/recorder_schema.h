@@ -126,6 +126,8 @@ struct MicrophoneItem {
     std::string microphone;
     bool leftChannelOnly = false;
     double audioDelay = 0;
+    // Optional on the wire; absent is "off", so older messages keep their meaning.
+    EchoCancellation echoCancellation = EchoCancellation::off;
     AudioOutput output = AudioOutput::singleFile;
     FileKeys file;
     std::optional<std::string> streamCallback;

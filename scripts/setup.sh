@@ -29,6 +29,8 @@ packages=(
   clang libclang-rt-14-dev
   # camera preview pictures and MJPEG cameras
   libturbojpeg0-dev
+  # echo cancellation and its delay estimate
+  libwebrtc-audio-processing-dev libfftw3-dev
 )
 
 missing=()

@@ -24,13 +24,6 @@ std::string systemAudioFallback(const std::string& id, const std::optional<std::
     return "systemaudio-" + backendTag(backend) + "-" + ShortID::make() + ".m4a";
 }
 
-void requireNoEchoCancellation(EchoCancellation mode) {
-    if (mode == EchoCancellation::off) return;
-    throw OVError(OVError::Code::configurationNotSupported,
-                  std::string("Echo cancellation is not available in this build."),
-                  std::string("Echo cancellation is not available yet."));
-}
-
 }  // namespace
 
 std::string fallbackFilename(const InternalSchemaItem& item) {
@@ -92,8 +85,6 @@ std::vector<std::shared_ptr<Recorder>> createRecorders(const InternalSchemaItem&
         if (!custom->makeRecorders) return {};
         return custom->makeRecorders(context.bundleURL, context.logger, context.onAbort);
     }
-    if (const auto* mic = std::get_if<MicrophoneFileSchemaItem>(&item)) requireNoEchoCancellation(mic->echoCancellation);
-    if (const auto* mic = std::get_if<MicrophoneStreamSchemaItem>(&item)) requireNoEchoCancellation(mic->echoCancellation);
     if (const auto factory = RecorderRegistry::shared().factoryFor(item)) return factory(item, context);
 
     // A kind that no recorder folder registered fails at prepare.

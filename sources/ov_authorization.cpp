@@ -1,5 +1,7 @@
 #include "sources/ov_authorization.h"
 
+#include "sources/core_audio_permission_probe.h"
+
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -160,7 +162,23 @@ void OVAuthorization::requestAccessibilityControl() { (void)platform::CGRequestP
 bool OVAuthorization::requestSystemAudioRecording(SystemAudioBackend backend) {
     if (!usesPerApplicationBackend(backend)) return platform::CGRequestScreenCaptureAccess();
     if (!perApplicationBackendSupported()) return false;
-    return TCCSPI::requestAccess(TCCSPI::audioCaptureService);
+    try {
+        return TCCSPI::requestAccess(TCCSPI::audioCaptureService);
+    } catch (const std::exception&) {
+        // Without a request to make, listening is the answer.
+        return probeSystemAudioRecordingStatus(backend);
+    }
+}
+
+bool OVAuthorization::probeSystemAudioRecordingStatus(SystemAudioBackend backend) {
+    if (!usesPerApplicationBackend(backend)) return platform::CGPreflightScreenCaptureAccess();
+    try {
+        return CoreAudioPermissionProbe::probe();
+    } catch (const std::exception& e) {
+        authorizationLogger().warning(
+            [&] { return std::string("System audio permission probe failed, treating as not authorized: ") + e.what(); });
+        return false;
+    }
 }
 
 std::string OVAuthorization::statusText(AVAuthorizationStatus status) {
@@ -435,8 +453,7 @@ bool OVAuthorizationStatus::requestSystemAudioRecording(bool openSystemSettings,
     try {
         granted = TCCSPI::requestAccess(TCCSPI::audioCaptureService);
     } catch (const std::exception&) {
-        // No permission probe exists to fall back on yet: a failed request counts as refused.
-        granted = false;
+        granted = OVAuthorization::probeSystemAudioRecordingStatus(backend);
     }
     // A request that began undetermined showed its own question: the settings stay closed.
     if (!granted && !wasUndetermined && openSystemSettings) {

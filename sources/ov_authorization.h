@@ -67,6 +67,9 @@ public:
     static void requestScreenRecording();
     // Fails with OVError tccUnavailableError where the request can't be made.
     static bool requestSystemAudioRecording(SystemAudioBackend backend);
+    // Listens whether system audio can really be captured (CoreAudioPermissionProbe);
+    // a probe that fails logs a warning and answers false.
+    static bool probeSystemAudioRecordingStatus(SystemAudioBackend backend);
     static void requestInputMonitoring();
     static void requestAccessibilityControl();
 

@@ -403,5 +403,31 @@ TEST(RecorderSchemaMapping, StreamsWithAndWithoutAHostCallback) {
     EXPECT_EQ(file.outputOptions.asSingleFile()->filename, "app.m4a");
 }
 
+TEST(RecorderSchemaDecoding, MicrophoneEchoCancellationIsOptionalAndOffByDefault) {
+    auto m = std::get<wire::MicrophoneItem>(decodeOne(R"({"type":"microphone","microphone":"BuiltIn"})"));
+    EXPECT_EQ(m.echoCancellation, EchoCancellation::off);
+    const std::pair<const char*, EchoCancellation> cases[] = {
+        {"off", EchoCancellation::off},          {"online", EchoCancellation::aec3Online},
+        {"offline", EchoCancellation::aec3Offline}, {"both", EchoCancellation::aec3Both},
+        {"aec3Both", EchoCancellation::aec3Both}};
+    for (const auto& [text, mode] : cases) {
+        m = std::get<wire::MicrophoneItem>(decodeOne(std::string(R"({"type":"microphone","microphone":"m","echoCancellation":")") +
+                                                     text + "\"}"));
+        EXPECT_EQ(m.echoCancellation, mode) << text;
+    }
+    const auto bad = decodeFailure(R"({"items":[{"type":"microphone","microphone":"m","echoCancellation":"loud"}]})");
+    EXPECT_EQ(bad.kind(), DecodingError::Kind::dataCorrupted);
+    EXPECT_EQ(coding::renderCodingPath(bad.codingPath()), ".schema.items[0].echoCancellation");
+
+    // A file item carries it to the library; a stream item ignores it.
+    Context c;
+    auto schema = makeSchema(decode(R"({"items":[
+        {"type":"microphone","microphone":"m","echoCancellation":"both"},
+        {"type":"microphone","microphone":"m","echoCancellation":"both","output":"stream"}]})"),
+                             c.make());
+    EXPECT_EQ(itemAs<MicrophoneFileSchemaItem>(schema, 0).echoCancellation, EchoCancellation::aec3Both);
+    EXPECT_EQ(itemAs<MicrophoneStreamSchemaItem>(schema, 1).echoCancellation, EchoCancellation::off);
+}
+
 }  // namespace
 }  // namespace ov::host
