@@ -1,6 +1,8 @@
 #include "platform/linux/x11/x11_screen_provider.h"
 
 #include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 #include <xcb/randr.h>
 
 #include <algorithm>
@@ -133,9 +135,14 @@ void X11ScreenProvider::setDisplayReconfigurationHandler(std::function<void()> h
         reconfigurationHandler_ = std::move(handler);
     }
     if (start && !watching_.exchange(true)) {
+        wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
         watcher_ = std::thread([this] { watchReconfigurations(); });
     } else if (!start && watching_.exchange(false)) {
+        const uint64_t one = 1;
+        if (wake_ >= 0) (void)!::write(wake_, &one, sizeof one);
         if (watcher_.joinable()) watcher_.join();
+        if (wake_ >= 0) ::close(wake_);
+        wake_ = -1;
     }
 }
 
@@ -153,10 +160,10 @@ void X11ScreenProvider::watchReconfigurations() {
                            XCB_RANDR_NOTIFY_MASK_SCREEN_CHANGE | XCB_RANDR_NOTIFY_MASK_CRTC_CHANGE |
                                XCB_RANDR_NOTIFY_MASK_OUTPUT_CHANGE);
     xcb_flush(c);
-    pollfd descriptor{xcb_get_file_descriptor(c), POLLIN, 0};
+    pollfd descriptors[2] = {{xcb_get_file_descriptor(c), POLLIN, 0}, {wake_, POLLIN, 0}};
     while (watching_.load() && !connection->hasError()) {
-        // A short slice, so that clearing the handler ends the thread soon.
-        ::poll(&descriptor, 1, 100);
+        // Asleep until the server says something or the handler is cleared.
+        ::poll(descriptors, wake_ >= 0 ? 2 : 1, wake_ >= 0 ? -1 : 100);
         bool changed = false;
         while (xcb_generic_event_t* event = xcb_poll_for_event(c)) {
             changed = true;

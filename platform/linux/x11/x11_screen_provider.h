@@ -66,6 +66,7 @@ private:
     std::mutex handlerMutex_;
     std::function<void()> reconfigurationHandler_;
     std::atomic<bool> watching_{false};
+    int wake_ = -1;  // eventfd that ends the watcher's wait
     std::thread watcher_;
 };
 
