@@ -16,7 +16,7 @@ const char* kWorld = R"({
   "displays": [
     {"id": 2, "name": "Side Screen", "frame": {"x": 1920, "y": 0, "width": 640, "height": 360}, "isMain": false,
      "faults": [{"kind": "disappears", "after": 1.0}]},
-    {"id": 1, "name": "Main Screen", "frame": {"x": 0, "y": 0, "width": 640, "height": 360}}
+    {"id": 1, "name": "Main Screen", "frame": {"x": 0, "y": 0, "width": 640, "height": 360}, "isMain": true}
   ],
   "applications": [{"pid": 1001, "name": "notes 10", "bundleIdentifier": "dev.example.notes"},
                    {"pid": 1002, "name": "Notes 9"},
@@ -80,12 +80,18 @@ protected:
 };
 
 TEST_F(DiscoveryProcessTest, ListsComeFromDiscoverySortedWithAvailability) {
+    // The record's keys in the protocol's order, as the line carries them.
+    rpc->writeJSON({{"hvrpc", 1}, {"id", "order"}, {"procedure", "perform"}, {"type", "Recorder"}, {"action", "getDisplays"}});
+    const auto line = rpc->readLine(std::chrono::milliseconds(30000));
+    ASSERT_TRUE(line);
+    const auto ordered = nlohmann::ordered_json::parse(*line);
+    std::vector<std::string> keys;
+    for (const auto& [key, value] : ordered["result"][0].items()) keys.push_back(key);
+    EXPECT_EQ(keys, (std::vector<std::string>{"id", "localizedName", "frame", "isMain", "availability"}));
+
     const auto displays = list("getDisplays");
     ASSERT_EQ(displays.size(), 2u);
     EXPECT_EQ(displays[0]["id"], 1) << "sorted by id";
-    std::vector<std::string> keys;
-    for (const auto& [key, value] : displays[0].items()) keys.push_back(key);
-    EXPECT_EQ(keys, (std::vector<std::string>{"id", "localizedName", "frame", "isMain", "availability"}));
     EXPECT_EQ(displays[0]["localizedName"], "Main Screen");
     EXPECT_EQ(displays[0]["isMain"], true);
     EXPECT_EQ(displays[1]["isMain"], false);

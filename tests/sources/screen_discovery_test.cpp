@@ -342,8 +342,9 @@ TEST(WindowDiscovery, PollsOnlyWhileAStreamIsOpenAndANewSubscriberStartsFresh) {
     auto stream = discovery->updates();
     auto first = stream->next(std::chrono::seconds(1));
     ASSERT_TRUE(first);
-    EXPECT_EQ(ids(*first).front(), 11u);
-    EXPECT_NE(std::find(ids(*first).begin(), ids(*first).end(), 21u), ids(*first).end());
+    const auto firstIDs = ids(*first);
+    EXPECT_EQ(firstIDs.front(), 11u);
+    EXPECT_NE(std::find(firstIDs.begin(), firstIDs.end(), 21u), firstIDs.end());
     EXPECT_TRUE(discovery->isPolling());
 
     // While subscribed, changes arrive without anyone asking.
