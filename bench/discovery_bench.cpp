@@ -77,11 +77,17 @@ struct Desktop {
             ::_exit(127);
         }
         ::close(fds[1]);
-        char buffer[32] = {};
-        const ssize_t n = ::read(fds[0], buffer, sizeof buffer - 1);
+        // The server writes its number and a newline once it accepts clients.
+        std::string text;
+        char buffer[32];
+        while (text.find('\n') == std::string::npos) {
+            const ssize_t n = ::read(fds[0], buffer, sizeof buffer);
+            if (n <= 0) break;
+            text.append(buffer, size_t(n));
+        }
         ::close(fds[0]);
-        if (n <= 0) throw std::runtime_error("Xvfb did not start");
-        display = ":" + std::to_string(std::atoi(buffer));
+        if (text.find('\n') == std::string::npos) throw std::runtime_error("Xvfb did not start");
+        display = ":" + std::to_string(std::stoi(text));
         ::setenv("DISPLAY", display.c_str(), 1);
         windows = xcb_connect(display.c_str(), nullptr);
         const xcb_screen_t* screen = xcb_setup_roots_iterator(xcb_get_setup(windows)).data;
