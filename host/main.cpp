@@ -19,7 +19,7 @@
 #include "host/globals.h"
 #include "host/recorder_rpc.h"
 #include "output/ov_logger.h"
-#include "sources/capture_device_discovery.h"
+#include "sources/discovery_source_lookup.h"
 #include "platform/dispatch_queue.h"
 
 namespace {
@@ -133,8 +133,11 @@ int main(int argc, char** argv) {
 
     (void)ov::host::Globals::livePreviewServer();
 
-    // Errors name the real state of a missing camera or microphone.
-    ov::installCaptureDeviceSourceLookup();
+    // Errors name the real state of a missing source. The discoveries start
+    // on the main queue, beside the reader, so that they know the displays
+    // and windows before any goes, without holding up the first request.
+    ov::installDiscoverySourceLookup();
+    ov::platform::DispatchQueue::main().async([] { ov::startDiscoveries(); });
     std::thread(readerTask).detach();
     ov::platform::DispatchQueue::runMain();
 }

@@ -10,7 +10,10 @@
 #include "platform/audio_capabilities.h"
 #include "platform/capture_platform.h"
 #include "session/ov_bundle_info.h"
+#include "sources/application_discovery.h"
 #include "sources/capture_device_discovery.h"
+#include "sources/display_discovery.h"
+#include "sources/window_discovery.h"
 #include "foundation/ov_error.h"
 
 namespace ov::coding {
@@ -30,7 +33,6 @@ host::GetCamerasParams Decodable<host::GetCamerasParams>::decode(const Decoder& 
 
 namespace ov::host {
 
-using platform::AVCaptureDeviceRef;
 using platform::AVMediaType;
 using platform::CapturePlatform;
 
@@ -45,70 +47,39 @@ Json boundsJSON(const platform::CGRect& rect) {
     return bounds;
 }
 
-const char* deviceAvailability(const platform::AVCaptureDevice& device) {
-    if (!device.isConnected()) return "notConnected";
-    if (device.isSuspended()) return "unknownSuspended";
-    return "available";
-}
-
-Json deviceJSON(const platform::AVCaptureDevice& device) {
-    Json record = Json::object();
-    record["id"] = device.uniqueID();
-    record["name"] = device.localizedName();
-    record["model_id"] = device.modelID();
-    record["manufacturer"] = device.manufacturer();
-    record["availability"] = deviceAvailability(device);
-    return record;
-}
-
-// A camera's record also says where to watch it while the preview server runs.
-Json cameraJSON(const platform::AVCaptureDevice& device) {
-    Json record = deviceJSON(device);
-    if (auto server = Globals::livePreviewServer())
-        if (auto base = server->baseUrl()) record["preview_url"] = LivePreviewServer::previewURL(*base, device.uniqueID());
-    return record;
-}
-
 // Phones and tablets deliver muxed audio and video; cameras and microphones don't.
 bool isAttachedDevice(const platform::AVCaptureDevice& device) { return device.hasMediaType(AVMediaType::muxed); }
 
-std::vector<AVCaptureDeviceRef> devicesWith(AVMediaType mediaType) {
-    std::vector<AVCaptureDeviceRef> out;
-    for (auto& device : CapturePlatform::shared()->devices())
-        if (device->hasMediaType(mediaType) && !isAttachedDevice(*device)) out.push_back(device);
-    return out;
-}
-
+// The list actions answer from the discoveries after a fresh update step,
+// so that a list asked for with nobody subscribed is not the last poll's.
 Json getDisplays() {
+    auto discovery = DisplayDiscovery::shared();
+    discovery->update();
     Json list = Json::array();
-    const auto content = CapturePlatform::shared()->shareableContent(false, false);
-    for (const auto& display : content.displays()) {
+    for (const auto& display : discovery->current()) {
         Json record = Json::object();
-        record["id"] = display.displayID;
-        record["frame"] = boundsJSON(display.frame);
-        // The main display holds the origin of the global coordinate space.
-        record["isMain"] = display.frame.origin.x == 0 && display.frame.origin.y == 0;
-        // Only connected displays are shareable.
-        record["availability"] = "available";
+        record["id"] = display->id;
+        record["localizedName"] = display->localizedName();
+        record["frame"] = boundsJSON(display->frame());
+        record["isMain"] = display->isMain();
+        record["availability"] = std::string(caseName(display->availability()));
         list.push_back(std::move(record));
     }
     return list;
 }
 
 Json getWindows() {
+    auto discovery = WindowDiscovery::shared();
+    discovery->update();
     Json list = Json::array();
-    // The default listing: windows on screen, without the desktop's own.
-    const auto content = CapturePlatform::shared()->shareableContent(true, true);
-    for (const auto& window : content.windows()) {
+    for (const auto& window : filtered(discovery->current(), OVWindow::FilterOptions::defaultOptions)) {
         Json record = Json::object();
-        record["id"] = window.windowID;
-        if (window.title) record["title"] = *window.title;
-        record["frame"] = boundsJSON(window.frame);
-        record["level"] = window.windowLayer;
-        if (window.owningApplication) {
-            record["application_process_id"] = window.owningApplication->processID;
-            record["application_name"] = window.owningApplication->applicationName;
-        }
+        record["id"] = window->id;
+        if (auto title = window->title()) record["title"] = *title;
+        record["frame"] = boundsJSON(window->frame());
+        record["level"] = window->level().rawValue;
+        if (auto pid = window->applicationProcessID()) record["application_process_id"] = *pid;
+        if (auto name = window->applicationName()) record["application_name"] = *name;
         list.push_back(std::move(record));
     }
     return list;
@@ -148,14 +119,15 @@ Json getAppleDevices() {
 }
 
 Json getRunningApplications() {
+    auto discovery = ApplicationDiscovery::shared();
+    discovery->update();
     Json list = Json::array();
-    const auto content = CapturePlatform::shared()->shareableContent(false, false);
-    for (const auto& application : content.applications()) {
+    for (const auto& application : discovery->current()) {
         Json record = Json::object();
-        record["id"] = application.processID;
-        if (!application.applicationName.empty()) record["name"] = application.applicationName;
-        if (!application.bundleIdentifier.empty()) record["bundle_identifier"] = application.bundleIdentifier;
-        record["availability"] = "available";
+        record["id"] = application->id;
+        if (application->name) record["name"] = *application->name;
+        if (application->bundleIdentifier) record["bundle_identifier"] = *application->bundleIdentifier;
+        record["availability"] = std::string(caseName(application->availability()));
         list.push_back(std::move(record));
     }
     return list;

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "platform/av_capture_device.h"
+#include "platform/cg_window_list.h"
 #include "platform/key_value_observing.h"
 #include "foundation/platform_error.h"
 #include "platform/sc_shareable_content.h"
@@ -106,6 +107,26 @@ public:
     // By default nothing to restart.
     virtual void restartShareableContentService() {}
 
+    // ---- The window server's lists, for discovery.
+    // The active displays, in no particular order. Throws a PlatformError
+    // when they can't be read. By default the displays of the shareable
+    // content, the one at the origin main.
+    virtual std::vector<CGDisplayInfo> activeDisplays() const;
+    // The windows front to back. Throws a PlatformError when they can't be
+    // read. By default the windows of the shareable content.
+    virtual std::vector<CGWindowEntry> windowList(CGWindowListOption option) const;
+    // The running applications that the window server knows. By default the
+    // applications of the shareable content.
+    virtual std::vector<RunningApplicationInfo> runningApplications() const;
+    // Whether the machine is a portable (its built-in display can be behind
+    // a closed lid); absent when unknown. Linux: the DMI chassis type.
+    virtual std::optional<bool> isPortableChassis() const;
+    // Observes display reconfigurations ("displays"): called on the thread
+    // that noticed, whenever displays come, go or change their arrangement.
+    KeyValueObservation observeDisplayReconfigurations(std::function<void(const std::string& key)> callback) {
+        return displayObservers_.observe({"displays"}, std::move(callback));
+    }
+
     // ---- The process's backend.
     // The chosen backend. Throws the PlatformError of a bad choice.
     static std::shared_ptr<CapturePlatform> shared();
@@ -129,9 +150,11 @@ public:
 
 protected:
     void notifyDevicesChanged() const { deviceObservers_.notify("devices"); }
+    void notifyDisplaysReconfigured() const { displayObservers_.notify("displays"); }
 
 private:
     KeyValueObservable deviceObservers_;
+    KeyValueObservable displayObservers_;
     mutable std::mutex settingsMutex_;
     bool centerStageEnabled_ = false;
     uint64_t centerStageChanges_ = 0;

@@ -36,51 +36,31 @@ bool startsWith(const std::string& text, const char* prefix) { return text.rfind
 
 }  // namespace
 
-std::string availabilityStatus(CaptureDeviceAvailability availability) {
-    switch (availability) {
-        case CaptureDeviceAvailability::available: return "Available";
-        case CaptureDeviceAvailability::lidClosed: return "MacBook lid closed";
-        case CaptureDeviceAvailability::unknownSuspended: return "Suspended";
-        case CaptureDeviceAvailability::notConnected: return "Not connected";
-    }
-    return "";
-}
-
-std::string availabilityRecoverySuggestion(CaptureDeviceAvailability availability, bool camera) {
-    switch (availability) {
-        case CaptureDeviceAvailability::available: return "";
-        case CaptureDeviceAvailability::lidClosed: return "Open MacBook lid";
-        case CaptureDeviceAvailability::unknownSuspended: return camera ? "Unsuspend camera" : "Unsuspend microphone";
-        case CaptureDeviceAvailability::notConnected: return camera ? "Connect camera" : "Connect microphone";
-    }
-    return "";
-}
-
 // ---- OVCaptureSource
 
 bool OVCaptureSource::isVirtual() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(fieldMutex_);
     return isVirtual_;
 }
 std::string OVCaptureSource::localizedName() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(fieldMutex_);
     return localizedName_;
 }
 std::string OVCaptureSource::modelID() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(fieldMutex_);
     return modelID_;
 }
 std::string OVCaptureSource::manufacturer() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(fieldMutex_);
     return manufacturer_;
 }
 CaptureDeviceAvailability OVCaptureSource::availability() const {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(fieldMutex_);
     return availability_;
 }
 
 bool OVCaptureSource::updateFrom(const AVCaptureDevice& device) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(fieldMutex_);
     isVirtual_ = device.transportType() == platform::kAVCaptureDeviceTransportTypeVirtual;
     modelID_ = device.modelID();
     manufacturer_ = device.manufacturer();
@@ -90,7 +70,7 @@ bool OVCaptureSource::updateFrom(const AVCaptureDevice& device) {
 }
 
 bool OVCaptureSource::setAvailability(CaptureDeviceAvailability availability) {
-    std::lock_guard lock(mutex_);
+    std::lock_guard lock(fieldMutex_);
     if (availability_ == availability) return false;
     availability_ = availability;
     return true;
@@ -99,7 +79,7 @@ bool OVCaptureSource::setAvailability(CaptureDeviceAvailability availability) {
 // ---- CaptureDeviceDiscovery
 
 CaptureDeviceDiscovery::CaptureDeviceDiscovery(Kind kind)
-    : kind_(kind), logger_(kind == Kind::camera ? "CameraDiscovery" : "MicrophoneDiscovery") {}
+    : Discovery(kind == Kind::camera ? "CameraDiscovery" : "MicrophoneDiscovery"), kind_(kind) {}
 
 CaptureDeviceDiscovery::~CaptureDeviceDiscovery() = default;
 
@@ -156,18 +136,16 @@ void CaptureDeviceDiscovery::start() {
 }
 
 void CaptureDeviceDiscovery::postUpdate() {
-    std::weak_ptr<CaptureDeviceDiscovery> weak = weak_from_this();
-    platform::DispatchQueue::main().async([weak] {
-        auto self = weak.lock();
-        if (!self) return;
-        self->logger_.debug("AVCaptureDeviceDiscovery update");
-        self->observeDevices();
-        self->update();
+    onMain([](auto& discovery) {
+        auto& self = static_cast<CaptureDeviceDiscovery&>(discovery);
+        self.logger_.debug("AVCaptureDeviceDiscovery update");
+        self.observeDevices();
+        self.update();
     });
 }
 
 void CaptureDeviceDiscovery::observeDevices() {
-    std::weak_ptr<CaptureDeviceDiscovery> weak = weak_from_this();
+    std::weak_ptr<CaptureDeviceDiscovery> weak = std::static_pointer_cast<CaptureDeviceDiscovery>(shared_from_this());
     const auto changed = [weak](const std::string&) {
         if (auto self = weak.lock()) self->postUpdate();
     };
@@ -183,7 +161,8 @@ void CaptureDeviceDiscovery::observeDevices() {
 void CaptureDeviceDiscovery::update() {
     std::vector<AVCaptureDeviceRef> primary = sessions_[0]->devices();
     const std::vector<AVCaptureDeviceRef> secondary = sessions_[1]->devices();
-    std::lock_guard lock(mutex_);
+    DiscoveryNoticeList<OVCaptureSource> notices;
+    std::unique_lock lock(mutex_);
     const bool t2 = MacModelSpecs::isT2MacBook(platform::CapturePlatform::shared()->machineModel());
 
     bool lidClosed = false;
@@ -220,11 +199,11 @@ void CaptureDeviceDiscovery::update() {
     for (auto& [id, item] : all_) {
         const auto found = index.find(id);
         if (found == index.end()) {
-            changed |= item->setAvailability(CaptureDeviceAvailability::notConnected);
+            if (item->setAvailability(CaptureDeviceAvailability::notConnected)) notices.add(item, "availability");
             continue;
         }
         const auto& device = *found->second;
-        changed |= item->updateFrom(device);
+        if (item->updateFrom(device)) notices.add(item, "localizedName");
         CaptureDeviceAvailability availability;
         if (!device.isConnected())
             availability = CaptureDeviceAvailability::notConnected;
@@ -236,9 +215,13 @@ void CaptureDeviceDiscovery::update() {
             availability = !device.isSuspended()                                 ? CaptureDeviceAvailability::available
                            : device.transportType() == builtInTransport && t2 ? CaptureDeviceAvailability::lidClosed
                                                                                 : CaptureDeviceAvailability::unknownSuspended;
-        changed |= item->setAvailability(availability);
+        if (item->setAvailability(availability)) notices.add(item, "availability");
     }
-    if (!changed) return;
+    changed = changed || !notices.empty();
+    if (!changed) {
+        lock.unlock();
+        return;
+    }
 
     std::vector<std::shared_ptr<OVCaptureSource>> published;
     for (const auto& [id, item] : all_)
@@ -247,35 +230,21 @@ void CaptureDeviceDiscovery::update() {
         const auto an = a->localizedName(), bn = b->localizedName();
         return an != bn ? an < bn : a->id < b->id;
     });
-    subject_.send(std::move(published));
-}
-
-void CaptureDeviceDiscovery::triggerUpdate() {
-    std::weak_ptr<CaptureDeviceDiscovery> weak = weak_from_this();
-    platform::DispatchQueue::main().async([weak] {
-        auto self = weak.lock();
-        if (!self) return;
-        self->logger_.info("Trigger update");
-        self->update();
-    });
+    publish(std::move(published));
+    lock.unlock();
+    notices.tell();
 }
 
 std::vector<std::shared_ptr<OVCaptureSource>> CaptureDeviceDiscovery::devices(bool includeDeskView) const {
-    auto list = subject_.value();
+    auto list = current();
     if (!includeDeskView)
         list.erase(std::remove_if(list.begin(), list.end(), [](const auto& c) { return c->isDeskView; }), list.end());
     return list;
 }
 
-std::shared_ptr<OVCaptureSource> CaptureDeviceDiscovery::item(const std::string& id) const {
-    std::lock_guard lock(mutex_);
-    const auto it = all_.find(id);
-    return it == all_.end() ? nullptr : it->second;
-}
-
 std::shared_ptr<OVCaptureSource> CaptureDeviceDiscovery::getPreferred() const {
     using A = CaptureDeviceAvailability;
-    const auto published = subject_.value();
+    const auto published = current();
     const auto find = [&](const std::string& id) -> std::shared_ptr<OVCaptureSource> {
         for (const auto& d : published)
             if (d->id == id) return d;
@@ -317,32 +286,5 @@ std::shared_ptr<OVCaptureSource> CaptureDeviceDiscovery::getPreferred() const {
     if (auto d = firstOf(published, isAvailable)) return d;
     return firstOf(published, any);
 }
-
-// ---- Diagnostics
-
-namespace {
-
-class CaptureDeviceSourceLookup final : public SourceLookup {
-public:
-    std::optional<NamedSource<CaptureDeviceAvailability>> microphone(const std::string& id) const override {
-        return named(CaptureDeviceDiscovery::sharedMicrophones(), id);
-    }
-    std::optional<NamedSource<CaptureDeviceAvailability>> camera(const std::string& id) const override {
-        return named(CaptureDeviceDiscovery::sharedCameras(), id);
-    }
-
-private:
-    static std::optional<NamedSource<CaptureDeviceAvailability>> named(
-        const std::shared_ptr<CaptureDeviceDiscovery>& discovery, const std::string& id) {
-        discovery->update();
-        const auto item = discovery->item(id);
-        if (!item) return std::nullopt;
-        return NamedSource<CaptureDeviceAvailability>{item->localizedName(), item->availability()};
-    }
-};
-
-}  // namespace
-
-void installCaptureDeviceSourceLookup() { SourceLookup::setShared(std::make_shared<CaptureDeviceSourceLookup>()); }
 
 }  // namespace ov

@@ -23,17 +23,14 @@
 #include "output/ov_logger.h"
 #include "platform/av_capture_device.h"
 #include "session/source_lookup.h"
-#include "sources/discovery_subject.h"
+#include "sources/availability.h"
+#include "sources/discovery.h"
 
 namespace ov {
 
-// "Available", "MacBook lid closed", "Suspended", "Not connected".
-std::string availabilityStatus(CaptureDeviceAvailability availability);
-// "", "Open MacBook lid", "Unsuspend camera"/"Unsuspend microphone", "Connect camera"/"Connect microphone".
-std::string availabilityRecoverySuggestion(CaptureDeviceAvailability availability, bool camera);
-
-// One camera or microphone; the fields change on the main queue.
-class OVCaptureSource {
+// One camera or microphone; the fields change in update steps. Observable:
+// "localizedName", "availability".
+class OVCaptureSource : public DiscoveryItem {
 public:
     explicit OVCaptureSource(std::string id, bool isDeskView = false) : id(std::move(id)), isDeskView(isDeskView) {}
 
@@ -52,7 +49,6 @@ public:
     bool setAvailability(CaptureDeviceAvailability availability);
 
 private:
-    mutable std::mutex mutex_;
     bool isVirtual_ = false;
     std::string localizedName_;
     std::string modelID_;
@@ -65,7 +61,7 @@ using OVMicrophone = OVCaptureSource;
 using OVCameraRef = std::shared_ptr<OVCamera>;
 using OVMicrophoneRef = std::shared_ptr<OVMicrophone>;
 
-class CaptureDeviceDiscovery : public std::enable_shared_from_this<CaptureDeviceDiscovery> {
+class CaptureDeviceDiscovery final : public Discovery<OVCaptureSource, std::string> {
 public:
     enum class Kind { camera, microphone };
 
@@ -78,19 +74,12 @@ public:
 
     Kind kind() const { return kind_; }
     // The published list.
-    std::vector<std::shared_ptr<OVCaptureSource>> devices() const { return subject_.value(); }
+    std::vector<std::shared_ptr<OVCaptureSource>> devices() const { return current(); }
     // Cameras: desk-view cameras only when asked for.
     std::vector<std::shared_ptr<OVCaptureSource>> devices(bool includeDeskView) const;
-    std::shared_ptr<DiscoverySubject<std::shared_ptr<OVCaptureSource>>::Subscription> updates() {
-        return subject_.subscribe();
-    }
-    // Any item ever seen, connected or not.
-    std::shared_ptr<OVCaptureSource> item(const std::string& id) const;
 
     // One update step, now, on the calling thread.
-    void update();
-    // Logs "Trigger update" and runs the update step on the main queue.
-    void triggerUpdate();
+    void update() override;
     std::shared_ptr<OVCaptureSource> getPreferred() const;
 
 private:
@@ -100,16 +89,10 @@ private:
     void postUpdate();
 
     const Kind kind_;
-    Logger logger_;
-    mutable std::mutex mutex_;
-    std::map<std::string, std::shared_ptr<OVCaptureSource>> all_;
-    DiscoverySubject<std::shared_ptr<OVCaptureSource>> subject_;
     std::vector<std::unique_ptr<platform::AVCaptureDeviceDiscoverySession>> sessions_;
     std::vector<platform::KeyValueObservation> sessionObservations_;
     std::vector<platform::KeyValueObservation> suspendedObservations_;
 };
 
-// Answers error diagnostics from the camera and microphone discoveries.
-void installCaptureDeviceSourceLookup();
 
 }  // namespace ov

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -17,6 +18,9 @@ class DiscoverySubject {
 public:
     class Subscription {
     public:
+        // Ending a subscription (cancel, or dropping it) runs its end handler once.
+        ~Subscription() { end(); }
+
         // The next list, or absent after the time-out or once cancelled.
         std::optional<std::vector<T>> next(std::chrono::milliseconds timeout) {
             std::unique_lock lock(mutex_);
@@ -32,6 +36,12 @@ public:
                 cancelled_ = true;
             }
             cv_.notify_all();
+            end();
+        }
+        // Runs when the subscription ends; set before it is handed out.
+        void setEndHandler(std::function<void()> handler) {
+            std::lock_guard lock(mutex_);
+            endHandler_ = std::move(handler);
         }
         bool isCancelled() const {
             std::lock_guard lock(mutex_);
@@ -48,10 +58,20 @@ public:
             }
             cv_.notify_all();
         }
+        void end() {
+            std::function<void()> handler;
+            {
+                std::lock_guard lock(mutex_);
+                handler = std::move(endHandler_);
+                endHandler_ = nullptr;
+            }
+            if (handler) handler();
+        }
         mutable std::mutex mutex_;
         std::condition_variable cv_;
         std::deque<std::vector<T>> queue_;
         bool cancelled_ = false;
+        std::function<void()> endHandler_;
     };
 
     std::vector<T> value() const {

@@ -6,10 +6,13 @@
 // until the provider's own time limit; the producer's threads are described in
 // screen_capture_producer.h.
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/capture/screen_capture_producer.h"
+#include "platform/cg_window_list.h"
 #include "platform/sc_shareable_content.h"
 
 namespace ov::platform {
@@ -30,6 +33,21 @@ public:
     // whose retrievals stopped answering; returns within a bounded time.
     // Whether a fresh service is in place.
     virtual bool restartShareableContentService() { return false; }
+
+    // The window server's lists for discovery (see cg_window_list.h); by
+    // default read off a shareable content snapshot. Throw a PlatformError
+    // when the server can't answer.
+    virtual std::vector<CGDisplayInfo> activeDisplays() const { return displayInfos(shareableContent(false, false)); }
+    virtual std::vector<CGWindowEntry> windowList(CGWindowListOption option) const {
+        return windowEntries(shareableContent(false, option == CGWindowListOption::onScreenOnly));
+    }
+    virtual std::vector<RunningApplicationInfo> runningApplications() const {
+        return runningApplicationInfos(shareableContent(false, false));
+    }
+    // Who to tell when displays are reconfigured; called on a thread of the
+    // provider. Providers that can't tell leave it unused (discovery then
+    // re-reads when asked).
+    virtual void setDisplayReconfigurationHandler(std::function<void()> handler) { (void)handler; }
 };
 
 }  // namespace ov::platform

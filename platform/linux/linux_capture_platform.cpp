@@ -79,17 +79,20 @@ LinuxCapturePlatform::LinuxCapturePlatform() {
     deviceProviders_ = std::move(providers.devices);
     screens_ = std::move(providers.screens);
     for (const auto& provider : deviceProviders_) provider->setDevicesChangedHandler([this] { notifyDevicesChanged(); });
+    if (screens_) screens_->setDisplayReconfigurationHandler([this] { notifyDisplaysReconfigured(); });
 }
 
 LinuxCapturePlatform::LinuxCapturePlatform(std::vector<std::shared_ptr<CaptureDeviceProvider>> deviceProviders,
                                            std::shared_ptr<ScreenCaptureProvider> screens)
     : deviceProviders_(std::move(deviceProviders)), screens_(std::move(screens)) {
     for (const auto& provider : deviceProviders_) provider->setDevicesChangedHandler([this] { notifyDevicesChanged(); });
+    if (screens_) screens_->setDisplayReconfigurationHandler([this] { notifyDisplaysReconfigured(); });
 }
 
 LinuxCapturePlatform::~LinuxCapturePlatform() {
     // The handlers point at this object: take them back before it goes.
     for (const auto& provider : deviceProviders_) provider->setDevicesChangedHandler({});
+    if (screens_) screens_->setDisplayReconfigurationHandler({});
 }
 
 std::vector<AVCaptureDeviceRef> LinuxCapturePlatform::devices() const {
@@ -137,6 +140,18 @@ std::unique_ptr<ScreenCaptureProducer> LinuxCapturePlatform::startScreenCapture(
 
 void LinuxCapturePlatform::restartShareableContentService() {
     if (screens_) screens_->restartShareableContentService();
+}
+
+std::vector<CGDisplayInfo> LinuxCapturePlatform::activeDisplays() const {
+    return screens_ ? screens_->activeDisplays() : std::vector<CGDisplayInfo>{};
+}
+
+std::vector<CGWindowEntry> LinuxCapturePlatform::windowList(CGWindowListOption option) const {
+    return screens_ ? screens_->windowList(option) : std::vector<CGWindowEntry>{};
+}
+
+std::vector<RunningApplicationInfo> LinuxCapturePlatform::runningApplications() const {
+    return screens_ ? screens_->runningApplications() : std::vector<RunningApplicationInfo>{};
 }
 
 }  // namespace ov::platform

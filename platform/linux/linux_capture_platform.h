@@ -45,6 +45,12 @@ public:
                                                               ScreenCaptureSink sink) override;
     // The screen provider's, bounded by it.
     void restartShareableContentService() override;
+    // The screen provider's; empty lists without one, so that a machine with
+    // no display server lists nothing rather than failing.
+    std::vector<CGDisplayInfo> activeDisplays() const override;
+    std::vector<CGWindowEntry> windowList(CGWindowListOption option) const override;
+    std::vector<RunningApplicationInfo> runningApplications() const override;
+    std::optional<bool> isPortableChassis() const override { return dmiChassisIsPortable(); }
 
     // The providers this machine offers. Each API registers a probe below;
     // a probe that throws or returns null leaves its API out, with a log line.

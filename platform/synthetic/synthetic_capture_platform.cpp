@@ -19,6 +19,15 @@ struct SyntheticCapturePlatform::State {
     std::set<uint32_t> goneWindows;
     std::vector<SyntheticWindow> addedWindows;
     std::map<uint32_t, std::optional<int32_t>> ownerOverrides;
+    std::map<uint32_t, bool> onScreenOverrides;
+    std::map<uint32_t, std::optional<std::string>> titleOverrides;
+    std::map<uint32_t, CGRect> frameOverrides;
+    // Raised windows, the most recently raised first.
+    std::vector<uint32_t> raised;
+    std::vector<SyntheticDisplay> addedDisplays;
+    std::vector<SyntheticApplication> addedApplications;
+    std::set<int32_t> goneApplications;
+    int windowListRequests = 0;
 
     // Scripted shareable content.
     std::deque<SyntheticContentAnswer> contentScript;
@@ -275,8 +284,166 @@ void SyntheticCapturePlatform::setDeviceSuspended(const std::string& uniqueID, b
 }
 
 void SyntheticCapturePlatform::removeDisplay(uint32_t displayID) {
+    {
+        std::lock_guard lock(state_->mutex);
+        state_->goneDisplays.insert(displayID);
+    }
+    notifyDisplaysReconfigured();
+}
+
+void SyntheticCapturePlatform::addDisplay(SyntheticDisplay display) {
+    {
+        std::lock_guard lock(state_->mutex);
+        state_->goneDisplays.erase(display.id);
+        const bool known = std::any_of(world_.displays.begin(), world_.displays.end(),
+                                       [&](const auto& d) { return d.id == display.id; }) ||
+                           std::any_of(state_->addedDisplays.begin(), state_->addedDisplays.end(),
+                                       [&](const auto& d) { return d.id == display.id; });
+        if (!known) state_->addedDisplays.push_back(std::move(display));
+    }
+    notifyDisplaysReconfigured();
+}
+
+void SyntheticCapturePlatform::setWindowOnScreen(uint32_t windowID, bool onScreen) {
     std::lock_guard lock(state_->mutex);
-    state_->goneDisplays.insert(displayID);
+    state_->onScreenOverrides[windowID] = onScreen;
+}
+
+void SyntheticCapturePlatform::setWindowTitle(uint32_t windowID, std::optional<std::string> title) {
+    std::lock_guard lock(state_->mutex);
+    state_->titleOverrides[windowID] = std::move(title);
+}
+
+void SyntheticCapturePlatform::setWindowFrame(uint32_t windowID, CGRect frame) {
+    std::lock_guard lock(state_->mutex);
+    state_->frameOverrides[windowID] = frame;
+}
+
+void SyntheticCapturePlatform::raiseWindow(uint32_t windowID) {
+    std::lock_guard lock(state_->mutex);
+    auto& raised = state_->raised;
+    raised.erase(std::remove(raised.begin(), raised.end(), windowID), raised.end());
+    raised.insert(raised.begin(), windowID);
+}
+
+void SyntheticCapturePlatform::addApplication(SyntheticApplication application) {
+    std::lock_guard lock(state_->mutex);
+    state_->goneApplications.erase(application.pid);
+    state_->addedApplications.push_back(std::move(application));
+}
+
+void SyntheticCapturePlatform::removeApplication(int32_t pid) {
+    std::lock_guard lock(state_->mutex);
+    state_->goneApplications.insert(pid);
+}
+
+int SyntheticCapturePlatform::windowListRequestCount() const {
+    std::lock_guard lock(state_->mutex);
+    return state_->windowListRequests;
+}
+
+std::vector<SyntheticWindow> SyntheticCapturePlatform::currentWindows() const {
+    std::lock_guard lock(state_->mutex);
+    std::vector<SyntheticWindow> windows = world_.windows;
+    windows.insert(windows.end(), state_->addedWindows.begin(), state_->addedWindows.end());
+    windows.erase(std::remove_if(windows.begin(), windows.end(),
+                                 [&](const auto& w) { return state_->goneWindows.count(w.id) > 0; }),
+                  windows.end());
+    for (auto& window : windows) {
+        if (auto it = state_->ownerOverrides.find(window.id); it != state_->ownerOverrides.end())
+            window.ownerPID = it->second;
+        if (auto it = state_->onScreenOverrides.find(window.id); it != state_->onScreenOverrides.end())
+            window.onScreen = it->second;
+        if (auto it = state_->titleOverrides.find(window.id); it != state_->titleOverrides.end())
+            window.title = it->second;
+        if (auto it = state_->frameOverrides.find(window.id); it != state_->frameOverrides.end())
+            window.frame = it->second;
+    }
+    // Raised windows in front, in the order raised.
+    std::stable_sort(windows.begin(), windows.end(), [&](const auto& a, const auto& b) {
+        const auto rank = [&](uint32_t id) {
+            auto it = std::find(state_->raised.begin(), state_->raised.end(), id);
+            return it == state_->raised.end() ? state_->raised.size() : size_t(it - state_->raised.begin());
+        };
+        return rank(a.id) < rank(b.id);
+    });
+    return windows;
+}
+
+std::vector<SyntheticDisplay> SyntheticCapturePlatform::currentDisplays() const {
+    std::lock_guard lock(state_->mutex);
+    std::vector<SyntheticDisplay> displays = world_.displays;
+    displays.insert(displays.end(), state_->addedDisplays.begin(), state_->addedDisplays.end());
+    displays.erase(std::remove_if(displays.begin(), displays.end(),
+                                  [&](const auto& d) { return state_->goneDisplays.count(d.id) > 0; }),
+                   displays.end());
+    return displays;
+}
+
+std::vector<SyntheticApplication> SyntheticCapturePlatform::currentApplications() const {
+    std::lock_guard lock(state_->mutex);
+    std::vector<SyntheticApplication> applications = world_.applications;
+    applications.insert(applications.end(), state_->addedApplications.begin(), state_->addedApplications.end());
+    applications.erase(std::remove_if(applications.begin(), applications.end(),
+                                      [&](const auto& a) { return state_->goneApplications.count(a.pid) > 0; }),
+                       applications.end());
+    return applications;
+}
+
+std::vector<CGDisplayInfo> SyntheticCapturePlatform::activeDisplays() const {
+    std::vector<CGDisplayInfo> displays;
+    uint32_t unit = 0;
+    for (const auto& display : currentDisplays()) {
+        CGDisplayInfo info;
+        info.displayID = display.id;
+        info.bounds = display.frame;
+        info.isMain = display.isMain;
+        info.isBuiltin = display.isBuiltIn;
+        info.unitNumber = unit++;
+        info.screenName = display.name;
+        displays.push_back(std::move(info));
+    }
+    return displays;
+}
+
+std::vector<CGWindowEntry> SyntheticCapturePlatform::windowList(CGWindowListOption option) const {
+    {
+        std::lock_guard lock(state_->mutex);
+        ++state_->windowListRequests;
+    }
+    const auto applications = currentApplications();
+    std::vector<CGWindowEntry> entries;
+    for (const auto& window : currentWindows()) {
+        if (option == CGWindowListOption::onScreenOnly && !window.onScreen) continue;
+        CGWindowEntry entry;
+        entry.number = window.id;
+        entry.bounds = window.frame;
+        entry.layer = window.layer;
+        entry.name = window.title;
+        entry.isOnscreen = window.onScreen;
+        if (window.ownerPID) {
+            entry.ownerPID = *window.ownerPID;
+            for (const auto& application : applications)
+                if (application.pid == *window.ownerPID) entry.ownerName = application.name;
+        }
+        entry.sharingState = 1;
+        entry.alpha = 1.0;
+        entry.memoryUsage = static_cast<int64_t>(window.frame.size.width * window.frame.size.height * 4);
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+std::vector<RunningApplicationInfo> SyntheticCapturePlatform::runningApplications() const {
+    std::vector<RunningApplicationInfo> infos;
+    for (const auto& application : currentApplications()) {
+        RunningApplicationInfo info;
+        info.processIdentifier = application.pid;
+        if (!application.name.empty()) info.localizedName = application.name;
+        if (!application.bundleIdentifier.empty()) info.bundleIdentifier = application.bundleIdentifier;
+        infos.push_back(std::move(info));
+    }
+    return infos;
 }
 
 void SyntheticCapturePlatform::removeWindow(uint32_t windowID) {
@@ -286,8 +453,10 @@ void SyntheticCapturePlatform::removeWindow(uint32_t windowID) {
 
 bool SyntheticCapturePlatform::isDisplayPresent(uint32_t displayID) const {
     std::lock_guard lock(state_->mutex);
-    return !state_->goneDisplays.count(displayID) &&
-           std::any_of(world_.displays.begin(), world_.displays.end(), [&](const auto& d) { return d.id == displayID; });
+    const auto has = [&](const std::vector<SyntheticDisplay>& list) {
+        return std::any_of(list.begin(), list.end(), [&](const auto& d) { return d.id == displayID; });
+    };
+    return !state_->goneDisplays.count(displayID) && (has(world_.displays) || has(state_->addedDisplays));
 }
 
 bool SyntheticCapturePlatform::isWindowPresent(uint32_t windowID) const {
@@ -300,7 +469,7 @@ bool SyntheticCapturePlatform::isWindowPresent(uint32_t windowID) const {
 
 std::optional<CGDisplayMode> SyntheticCapturePlatform::displayMode(CGDirectDisplayID displayID) const {
     if (!isDisplayPresent(displayID)) return std::nullopt;
-    for (const auto& display : world_.displays) {
+    for (const auto& display : currentDisplays()) {
         if (display.id != displayID) continue;
         const auto width = static_cast<int32_t>(display.frame.size.width);
         const auto height = static_cast<int32_t>(display.frame.size.height);
@@ -346,7 +515,6 @@ int SyntheticCapturePlatform::restartCount() const {
 SCShareableContent SyntheticCapturePlatform::shareableContent(bool excludingDesktopWindows,
                                                               bool onScreenWindowsOnly) const {
     std::optional<SyntheticContentAnswer> answer;
-    std::vector<SyntheticWindow> worldWindows = world_.windows;
     {
         std::unique_lock lock(state_->mutex);
         ++state_->contentRequests;
@@ -358,22 +526,17 @@ SCShareableContent SyntheticCapturePlatform::shareableContent(bool excludingDesk
             const int restarts = state_->restarts;
             state_->restarted.wait_for(lock, std::chrono::seconds(30), [&] { return state_->restarts != restarts; });
         }
-        worldWindows.insert(worldWindows.end(), state_->addedWindows.begin(), state_->addedWindows.end());
-        for (auto& window : worldWindows)
-            if (auto it = state_->ownerOverrides.find(window.id); it != state_->ownerOverrides.end())
-                window.ownerPID = it->second;
     }
+    const std::vector<SyntheticWindow> worldWindows = currentWindows();
     if (answer && answer->delay > 0) std::this_thread::sleep_for(std::chrono::duration<double>(answer->delay));
     if (answer && answer->error) throw *answer->error;
 
     std::vector<SCDisplay> displays;
-    for (const auto& display : world_.displays) {
-        if (!isDisplayPresent(display.id)) continue;
+    for (const auto& display : currentDisplays())
         displays.push_back({display.id, display.frame, static_cast<int32_t>(display.frame.size.width),
                             static_cast<int32_t>(display.frame.size.height)});
-    }
     std::vector<SCRunningApplication> applications;
-    for (const auto& application : world_.applications)
+    for (const auto& application : currentApplications())
         applications.push_back({application.pid, application.bundleIdentifier, application.name});
     std::vector<SCWindow> windows;
     for (const auto& window : worldWindows) {

@@ -71,6 +71,12 @@ public:
     std::optional<CGDisplayMode> displayMode(CGDirectDisplayID displayID) const override;
     // Counts the call and ends every request hanging until a restart.
     void restartShareableContentService() override;
+    // The world as it is now, never scripted: displays with their names as
+    // screen names, windows front to back in world order (added windows in
+    // front), the world's applications. Counted by windowListRequestCount().
+    std::vector<CGDisplayInfo> activeDisplays() const override;
+    std::vector<CGWindowEntry> windowList(CGWindowListOption option) const override;
+    std::vector<RunningApplicationInfo> runningApplications() const override;
 
     // ---- Controls for tests.
     // The device with this id, connected or not; null for an unknown id.
@@ -89,6 +95,20 @@ public:
     void addWindow(SyntheticWindow window);
     // A window changes its owning application (none: no owner).
     void setWindowOwner(uint32_t windowID, std::optional<int32_t> ownerPID);
+    // A display comes (a new one, or one removed before) with a
+    // reconfiguration notice; removeDisplay() gives one too.
+    void addDisplay(SyntheticDisplay display);
+    // Window changes as a window server shows them.
+    void setWindowOnScreen(uint32_t windowID, bool onScreen);
+    void setWindowTitle(uint32_t windowID, std::optional<std::string> title);
+    void setWindowFrame(uint32_t windowID, CGRect frame);
+    // Brings a window to the front of the stacking order.
+    void raiseWindow(uint32_t windowID);
+    // An application starts (its windows then name it) or quits.
+    void addApplication(SyntheticApplication application);
+    void removeApplication(int32_t pid);
+    // Reads of the window list and of the running applications so far.
+    int windowListRequestCount() const;
 
     // The next requests for shareable content are answered as scripted, one
     // answer per request in order; once the script is used up, at once. A
@@ -102,6 +122,11 @@ public:
     struct State;
 
 private:
+    // The present windows, front to back, and displays and applications.
+    std::vector<SyntheticWindow> currentWindows() const;
+    std::vector<SyntheticDisplay> currentDisplays() const;
+    std::vector<SyntheticApplication> currentApplications() const;
+
     SyntheticWorld world_;
     // Statuses that requests settle; start as the world's.
     mutable std::mutex authorizationMutex_;

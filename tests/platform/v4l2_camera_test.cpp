@@ -452,3 +452,56 @@ TEST_F(V4L2CameraTest, ProducersShareOneStreamAndAFormatChangeRestartsIt) {
 
 }  // namespace
 }  // namespace ov::platform
+
+namespace ov::platform {
+namespace {
+
+// Hotplug through inotify on the device directory: a node that comes, changes
+// its permissions or goes tells the handler; other files don't.
+TEST_F(V4L2CameraTest, NodesComingChangingAndGoingAreNoticedWithoutUdev) {
+    std::mutex mutex;
+    std::condition_variable told;
+    int changes = 0;
+    provider->setDevicesChangedHandler([&] {
+        std::lock_guard lock(mutex);
+        ++changes;
+        told.notify_all();
+    });
+    const auto waitForChange = [&](int seen) {
+        std::unique_lock lock(mutex);
+        return told.wait_for(lock, std::chrono::seconds(30), [&] { return changes > seen; });
+    };
+    // The watch is in place once a node created now is noticed.
+    int seen = 0;
+    io->addDevice("video7", webcam());
+    ASSERT_TRUE(waitForChange(seen));
+    EXPECT_EQ(provider->devices().size(), 1u);
+    {
+        std::lock_guard lock(mutex);
+        seen = changes;
+    }
+    std::filesystem::permissions(temp / "dev" / "video7", std::filesystem::perms::owner_read,
+                                 std::filesystem::perm_options::remove);
+    ASSERT_TRUE(waitForChange(seen)) << "a permission change is another look";
+    {
+        std::lock_guard lock(mutex);
+        seen = changes;
+    }
+    io->unplug("video7");
+    ASSERT_TRUE(waitForChange(seen));
+    EXPECT_TRUE(provider->devices().empty());
+    {
+        std::lock_guard lock(mutex);
+        seen = changes;
+    }
+    std::ofstream(temp / "dev" / "notacamera").put('x');
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    {
+        std::lock_guard lock(mutex);
+        EXPECT_EQ(changes, seen);
+    }
+    provider->setDevicesChangedHandler({});
+}
+
+}  // namespace
+}  // namespace ov::platform

@@ -1,5 +1,10 @@
 #include "platform/linux/v4l2/v4l2_device_provider.h"
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
 #include <fcntl.h>
 #include <linux/videodev2.h>
 
@@ -97,9 +102,69 @@ bool isVideoNode(const std::string& name) { return std::regex_match(name, std::r
 V4L2DeviceProvider::V4L2DeviceProvider(std::shared_ptr<V4L2Io> io, fs::path deviceDirectory, fs::path sysfsRoot)
     : io_(std::move(io)), deviceDirectory_(std::move(deviceDirectory)), sysfsRoot_(std::move(sysfsRoot)) {}
 
+V4L2DeviceProvider::~V4L2DeviceProvider() { stopWatching(); }
+
 void V4L2DeviceProvider::setDevicesChangedHandler(std::function<void()> handler) {
-    std::lock_guard lock(mutex_);
-    *changed_ = std::move(handler);
+    const bool watch = static_cast<bool>(handler);
+    {
+        std::lock_guard lock(mutex_);
+        *changed_ = std::move(handler);
+    }
+    if (!watch) {
+        stopWatching();
+        return;
+    }
+    std::lock_guard lock(watchMutex_);
+    if (watching_.load()) return;
+    // The watch is in place before this returns, so no change after it is missed.
+    const int fd = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd < 0) {
+        log().error(fmt::format("Camera hotplug can't be watched: inotify: {}", std::strerror(errno)));
+        return;
+    }
+    const uint32_t mask = IN_CREATE | IN_DELETE | IN_ATTRIB | IN_MOVED_TO | IN_MOVED_FROM;
+    if (::inotify_add_watch(fd, deviceDirectory_.c_str(), mask) < 0) {
+        log().error(fmt::format("Camera hotplug can't be watched in {}: {}", deviceDirectory_.string(), std::strerror(errno)));
+        ::close(fd);
+        return;
+    }
+    watching_ = true;
+    wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    watcher_ = std::thread([this, fd] { watchDeviceDirectory(fd); });
+}
+
+void V4L2DeviceProvider::stopWatching() {
+    std::lock_guard lock(watchMutex_);
+    watching_ = false;
+    const uint64_t one = 1;
+    if (wake_ >= 0) (void)!::write(wake_, &one, sizeof one);
+    if (watcher_.joinable()) watcher_.join();
+    if (wake_ >= 0) ::close(wake_);
+    wake_ = -1;
+}
+
+void V4L2DeviceProvider::watchDeviceDirectory(int fd) {
+    alignas(inotify_event) char buffer[4096];
+    while (watching_.load()) {
+        pollfd descriptors[2] = {{fd, POLLIN, 0}, {wake_, POLLIN, 0}};
+        // Asleep until the directory changes or the watch is stopped.
+        if (::poll(descriptors, wake_ >= 0 ? 2 : 1, wake_ >= 0 ? -1 : 100) <= 0) continue;
+        if (!(descriptors[0].revents & POLLIN)) continue;
+        bool changed = false;
+        for (;;) {
+            const ssize_t n = ::read(fd, buffer, sizeof buffer);
+            if (n <= 0) break;
+            for (ssize_t at = 0; at < n;) {
+                const auto* event = reinterpret_cast<const inotify_event*>(buffer + at);
+                if (event->len > 0 && isVideoNode(event->name)) changed = true;
+                at += ssize_t(sizeof(inotify_event) + event->len);
+            }
+        }
+        // A node just created may not be ready for opening yet (udev sets its
+        // permissions after): its ATTRIB event brings another look.
+        if (changed) deviceGone();
+    }
+    ::close(fd);
 }
 
 void V4L2DeviceProvider::deviceGone() const {

@@ -15,13 +15,21 @@
 //
 // The device directory, the sysfs root and the system calls are parameters,
 // so that tests run all of it against a fake.
+//
+// Hotplug: while a change handler is set, a thread watches the device
+// directory with inotify (nodes created, removed, renamed or changing their
+// permissions) and calls the handler for every "videoN" node that changes.
+// No udev daemon is needed, which CI machines and containers lack; the
+// listing itself is always a fresh scan.
 
+#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/capture/device_provider.h"
@@ -35,6 +43,7 @@ class V4L2DeviceProvider final : public CaptureDeviceProvider,
 public:
     V4L2DeviceProvider(std::shared_ptr<V4L2Io> io = systemV4L2Io(), std::filesystem::path deviceDirectory = "/dev",
                        std::filesystem::path sysfsRoot = "/sys");
+    ~V4L2DeviceProvider() override;
 
     std::string apiName() const override { return "v4l2"; }
     // The nodes present now, probed anew (known cameras aren't opened again).
@@ -48,6 +57,8 @@ private:
     struct Probe;
     std::shared_ptr<V4L2Camera> probe(const std::string& node) const;
     void deviceGone() const;
+    void watchDeviceDirectory(int inotifyFd);
+    void stopWatching();
 
     std::shared_ptr<V4L2Io> io_;
     std::filesystem::path deviceDirectory_;
@@ -55,6 +66,10 @@ private:
     mutable std::mutex mutex_;
     mutable std::map<std::string, std::shared_ptr<V4L2Camera>> known_;
     std::shared_ptr<std::function<void()>> changed_ = std::make_shared<std::function<void()>>();
+    std::mutex watchMutex_;
+    std::atomic<bool> watching_{false};
+    int wake_ = -1;  // eventfd that ends the watcher's wait
+    std::thread watcher_;
 };
 
 }  // namespace ov::platform

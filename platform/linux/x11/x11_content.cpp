@@ -5,6 +5,7 @@
 #include <xcb/res.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -23,12 +24,25 @@ CGDirectDisplayID displayIDForMonitorName(const std::string& name) {
     return hash == 0 ? 1 : hash;
 }
 
+namespace {
+std::atomic<uint64_t> contentReads{0};
+}  // namespace
+
+uint64_t x11ContentReadCount() { return contentReads.load(); }
+
 std::vector<X11Monitor> readMonitors(const X11Connection& connection, Deadline deadline) {
+    ++contentReads;
     xcb_connection_t* c = connection.get();
     const xcb_window_t root = connection.root();
     if (!connection.extensions().randr) {
         const auto& s = connection.screen();
-        return {{displayIDForMonitorName("screen"), "screen", 0, 0, s.width_in_pixels, s.height_in_pixels, true, 0}};
+        X11Monitor monitor;
+        monitor.displayID = displayIDForMonitorName("screen");
+        monitor.name = "screen";
+        monitor.width = s.width_in_pixels;
+        monitor.height = s.height_in_pixels;
+        monitor.primary = true;
+        return {monitor};
     }
     auto monitorsCookie = xcb_randr_get_monitors(c, root, 1);
     auto resourcesCookie = xcb_randr_get_screen_resources_current(c, root);
@@ -40,7 +54,12 @@ std::vector<X11Monitor> readMonitors(const X11Connection& connection, Deadline d
         X11Monitor monitor;
         xcb_get_atom_name_cookie_t name;
         std::optional<xcb_randr_get_output_info_cookie_t> output;
+        std::optional<xcb_randr_get_output_property_cookie_t> edid;
     };
+    const xcb_atom_t edidAtom = connection.atom("EDID", deadline, true);
+    const xcb_randr_output_t* screenOutputs =
+        resources ? xcb_randr_get_screen_resources_current_outputs(resources.get()) : nullptr;
+    const int screenOutputCount = resources ? xcb_randr_get_screen_resources_current_outputs_length(resources.get()) : 0;
     std::vector<Pending> pending;
     const xcb_timestamp_t timestamp = resources ? resources->config_timestamp : XCB_CURRENT_TIME;
     for (auto it = xcb_randr_get_monitors_monitors_iterator(monitors.get()); it.rem; xcb_randr_monitor_info_next(&it)) {
@@ -52,8 +71,14 @@ std::vector<X11Monitor> readMonitors(const X11Connection& connection, Deadline d
         p.monitor.height = info->height;
         p.monitor.primary = info->primary;
         p.name = xcb_get_atom_name(c, info->name);
-        if (xcb_randr_monitor_info_outputs_length(info) > 0)
-            p.output = xcb_randr_get_output_info(c, xcb_randr_monitor_info_outputs(info)[0], timestamp);
+        if (xcb_randr_monitor_info_outputs_length(info) > 0) {
+            const xcb_randr_output_t output = xcb_randr_monitor_info_outputs(info)[0];
+            p.output = xcb_randr_get_output_info(c, output, timestamp);
+            if (edidAtom != XCB_ATOM_NONE)
+                p.edid = xcb_randr_get_output_property(c, output, edidAtom, XCB_ATOM_ANY, 0, 256, 0, 0);
+            for (int o = 0; o < screenOutputCount; ++o)
+                if (screenOutputs[o] == output) p.monitor.outputIndex = uint32_t(o);
+        }
         pending.push_back(std::move(p));
     }
     std::vector<std::pair<size_t, xcb_randr_get_crtc_info_cookie_t>> crtcs;
@@ -62,14 +87,35 @@ std::vector<X11Monitor> readMonitors(const X11Connection& connection, Deadline d
         if (auto name = connection.wait<xcb_get_atom_name_reply_t>(p.name.sequence, deadline))
             p.monitor.name.assign(xcb_get_atom_name_name(name.get()), xcb_get_atom_name_name_length(name.get()));
         p.monitor.displayID = displayIDForMonitorName(p.monitor.name);
+        if (p.edid) {
+            auto edid = connection.wait<xcb_randr_get_output_property_reply_t>(p.edid->sequence, deadline);
+            if (edid && edid->format == 8) {
+                const uint8_t* bytes = xcb_randr_get_output_property_data(edid.get());
+                p.monitor.edid.assign(bytes, bytes + xcb_randr_get_output_property_data_length(edid.get()));
+            }
+        }
         if (p.output) {
             auto output = connection.wait<xcb_randr_get_output_info_reply_t>(p.output->sequence, deadline);
+            if (output) {
+                p.monitor.outputName.assign(reinterpret_cast<const char*>(xcb_randr_get_output_info_name(output.get())),
+                                            xcb_randr_get_output_info_name_length(output.get()));
+                p.monitor.millimetreWidth = output->mm_width;
+                p.monitor.millimetreHeight = output->mm_height;
+            }
             if (output && output->crtc != XCB_NONE)
                 crtcs.emplace_back(i, xcb_randr_get_crtc_info(c, output->crtc, timestamp));
         }
     }
     for (auto& [index, cookie] : crtcs) {
         auto crtc = connection.wait<xcb_randr_get_crtc_info_reply_t>(cookie.sequence, deadline);
+        if (crtc) {
+            switch (crtc->rotation & 0x0F) {
+                case XCB_RANDR_ROTATION_ROTATE_90: pending[index].monitor.rotation = 90; break;
+                case XCB_RANDR_ROTATION_ROTATE_180: pending[index].monitor.rotation = 180; break;
+                case XCB_RANDR_ROTATION_ROTATE_270: pending[index].monitor.rotation = 270; break;
+                default: break;
+            }
+        }
         if (!crtc || !resources || crtc->mode == XCB_NONE) continue;
         const auto* modes = xcb_randr_get_screen_resources_current_modes(resources.get());
         const int count = xcb_randr_get_screen_resources_current_modes_length(resources.get());
@@ -197,6 +243,7 @@ std::optional<int32_t> windowProcessID(const X11Connection& connection, xcb_wind
 }
 
 std::vector<X11Window> readWindows(const X11Connection& connection, Deadline deadline) {
+    ++contentReads;
     xcb_connection_t* c = connection.get();
     const xcb_window_t root = connection.root();
     const Atoms atoms(connection, deadline);

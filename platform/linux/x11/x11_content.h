@@ -23,7 +23,20 @@ struct X11Monitor {
     bool primary = false;
     // From the CRTC mode of its first output; 0 when unknown (Xvfb, virtual monitors).
     double refreshRate = 0;
+    // Of its first output: the connector's name ("eDP-1", "HDMI-1", "screen"),
+    // its index among the screen's outputs, its physical size, its CRTC's
+    // rotation in degrees and its EDID block (empty without one). Empty and
+    // zero for a monitor without outputs.
+    std::string outputName;
+    uint32_t outputIndex = 0;
+    uint32_t millimetreWidth = 0, millimetreHeight = 0;
+    double rotation = 0;
+    std::vector<uint8_t> edid;
 };
+
+// How many window and monitor reads this process has sent (for checks that
+// nothing polls the server while nobody listens).
+uint64_t x11ContentReadCount();
 
 // Core Graphics window levels, as the platform numbers them.
 namespace level {

@@ -2,9 +2,12 @@
 // The X server's part of the `linux` backend: shareable content read through
 // one connection, and a screen stream per filter on connections of their own.
 
+#include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 
 #include "platform/capture/screen_provider.h"
 #include "platform/linux/x11/x11_connection.h"
@@ -37,13 +40,34 @@ public:
 
     const std::string& displayName() const { return display_; }
 
+    // Monitors as displays: main is the primary monitor (else the one at
+    // the origin), built in when the connector is a panel's (eDP, LVDS,
+    // DSI), the EDID numbers of its first output, mirrors by identical
+    // rectangles (the higher id mirrors the lower).
+    std::vector<CGDisplayInfo> activeDisplays() const override;
+    // One pipelined window read; no monitor read.
+    std::vector<CGWindowEntry> windowList(CGWindowListOption option) const override;
+    std::vector<RunningApplicationInfo> runningApplications() const override;
+    // RandR screen, CRTC and output notifications on a connection of their
+    // own, watched by a thread while a handler is set. Virtual monitors
+    // (--setmonitor) send none: callers re-read when asked.
+    void setDisplayReconfigurationHandler(std::function<void()> handler) override;
+    ~X11ScreenProvider() override;
+
 private:
     std::shared_ptr<X11Connection> contentConnection() const;
+    void watchReconfigurations();
 
     std::string display_;
     double contentTimeLimit_;
     mutable std::mutex mutex_;
     std::shared_ptr<X11Connection> content_;
+
+    std::mutex handlerMutex_;
+    std::function<void()> reconfigurationHandler_;
+    std::atomic<bool> watching_{false};
+    int wake_ = -1;  // eventfd that ends the watcher's wait
+    std::thread watcher_;
 };
 
 }  // namespace ov::platform::x11
