@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "audio/microphone_interruption_monitor.h"
 #include "output/av_asset_writer_input_buffer_adaptor.h"
 #include "output/output_asset_writers.h"
 #include "output/ov_logger.h"
@@ -48,6 +49,8 @@ public:
     std::shared_ptr<platform::AVCaptureAudioDataOutput> audioOutput;
     PrepareRingBufferAdapter<platform::CMSampleBuffer> audioPrepareAdaptor;
     RecordingTimelineBoundedAudioStream audioChopper;
+    // Hears of every sample, to notice when they stop.
+    std::shared_ptr<MicrophoneInterruptionMonitor> interruptionMonitor;
 
 protected:
     // The stage after retiming: shift and write, or fill gaps and stream.
@@ -98,6 +101,7 @@ private:
     platform::KeyValueObservation errorObservation_;
     AbortFunction onAbort_;
     platform::AVSettingsDictionary audioSettings_;
+    std::shared_ptr<MicrophoneInterruptionMonitor> interruptionMonitor_;
 };
 
 class AudioStreamRecorder final : public Recorder {
@@ -119,6 +123,7 @@ private:
     std::string microphoneID_;
     std::shared_ptr<platform::DispatchQueue> sampleBufferQueue_;
     std::shared_ptr<Coordinator> coordinator_;
+    std::shared_ptr<MicrophoneInterruptionMonitor> interruptionMonitor_;
 };
 
 // The microphone recorders of a schema item.

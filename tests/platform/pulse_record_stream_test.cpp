@@ -1,0 +1,275 @@
+// The sound server's record stream and device list on a private daemon: stamps
+// that stay on the frame-count line, the requested format, faults told, stops
+// that always return, and sources heard as they come and go.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cmath>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "platform/cm_clock.h"
+#include "platform/linux/linux_capture_platform.h"
+#include "platform/linux/pulse/pulse_device_provider.h"
+#include "platform/linux/pulse/pulse_record_stream.h"
+#include "support/pulse_daemon.h"
+
+namespace ov::platform {
+namespace {
+
+using testing::PipeFeeder;
+using testing::PulseDaemon;
+using Clock = std::chrono::steady_clock;
+
+// What a producer delivered.
+struct Collected {
+    std::mutex mutex;
+    std::condition_variable changed;
+    std::vector<CMSampleBuffer> buffers;
+    std::exception_ptr failure;
+    Clock::time_point failedAt;
+
+    CaptureProducerSink sink() {
+        CaptureProducerSink s;
+        s.output = [this](const CMSampleBuffer& b) {
+            std::lock_guard lock(mutex);
+            buffers.push_back(b);
+            changed.notify_all();
+        };
+        s.failed = [this](std::exception_ptr e) {
+            std::lock_guard lock(mutex);
+            failure = e;
+            failedAt = Clock::now();
+            changed.notify_all();
+        };
+        return s;
+    }
+    size_t count() {
+        std::lock_guard lock(mutex);
+        return buffers.size();
+    }
+    bool waitForFailure(std::chrono::milliseconds limit) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, limit, [&] { return failure != nullptr; });
+    }
+    bool waitForBuffers(size_t n, std::chrono::milliseconds limit) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, limit, [&] { return buffers.size() >= n; });
+    }
+};
+
+std::unique_ptr<CaptureProducer> startMicrophone(LinuxCapturePlatform& platform, Collected& collected,
+                                                 std::optional<AVAudioFormat> format = std::nullopt) {
+    auto mic = platform.device(PulseDaemon::microphone);
+    if (!mic) return nullptr;
+    CaptureProducerRequest request;
+    request.mediaType = AVMediaType::audio;
+    request.audioFormat = format;
+    return mic->startProducing(request, collected.sink());
+}
+
+double millisecondsSince(Clock::time_point t) {
+    return std::chrono::duration<double, std::milli>(Clock::now() - t).count();
+}
+
+TEST(PulseRecordStream, SixtySecondsOfAPipeSourceStayOnTheFrameCountLine) {
+    PulseDaemon daemon;
+    PipeFeeder feeder(daemon);
+    LinuxCapturePlatform platform;
+    Collected collected;
+    auto producer = startMicrophone(platform, collected);
+    ASSERT_TRUE(producer);
+    std::this_thread::sleep_for(std::chrono::seconds(60));
+    const auto stopBegan = Clock::now();
+    producer->stop();
+    const double stopMs = millisecondsSince(stopBegan);
+    const size_t atStop = collected.count();
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(collected.count(), atStop) << "delivered after stop returned";
+    EXPECT_LT(stopMs, 100.0);
+
+    std::lock_guard lock(collected.mutex);
+    const auto& buffers = collected.buffers;
+    ASSERT_GT(buffers.size(), 2900u);  // 50 a second
+    EXPECT_FALSE(collected.failure);
+    // Every stamp against the ideal line: the first stamp plus the frames
+    // before it at the nominal rate.
+    const double first = buffers.front().presentationTimeStamp().seconds();
+    int64_t frames = 0;
+    double worst = 0;
+    for (const auto& b : buffers) {
+        const double ideal = first + double(frames) / daemon.rate();
+        worst = std::max(worst, std::fabs(b.presentationTimeStamp().seconds() - ideal));
+        frames += b.numSamples();
+        EXPECT_EQ(b.numSamples(), daemon.rate() / 50);
+    }
+    RecordProperty("worstDeviationFromFrameLineMs", std::to_string(worst * 1000));
+    RecordProperty("stopMs", std::to_string(stopMs));
+    EXPECT_LT(worst, 0.002);
+    // And the line is where the audio was captured: the last buffer ended
+    // shortly before stop.
+    const double lastEnd = buffers.back().presentationTimeStamp().seconds() + 0.02;
+    EXPECT_NEAR(lastEnd, hostTimeNow().seconds(), 0.3);
+}
+
+TEST(PulseRecordStream, TheRequestedFormatIsDeliveredExactly) {
+    PulseDaemon daemon;  // 48 kHz float mono
+    PipeFeeder feeder(daemon, 440, 0.5);
+    LinuxCapturePlatform platform;
+    Collected collected;
+    const auto wanted = *AVAudioFormat::make(AVAudioCommonFormat::pcmFormatInt16, 16000, 2, true);
+    auto producer = startMicrophone(platform, collected, wanted);
+    ASSERT_TRUE(producer);
+    ASSERT_TRUE(collected.waitForBuffers(60, std::chrono::seconds(5)));
+    producer->stop();
+
+    std::lock_guard lock(collected.mutex);
+    int64_t frames = 0, crossings = 0;
+    int16_t previous = 0;
+    for (size_t i = 0; i < collected.buffers.size(); ++i) {
+        const auto& b = collected.buffers[i];
+        auto pcm = b.audioPCMBuffer();
+        ASSERT_TRUE(pcm);
+        ASSERT_EQ(pcm->format(), wanted) << pcm->format().description();
+        ASSERT_TRUE(pcm->int16ChannelData());
+        const int16_t* data = pcm->int16ChannelData()[0];
+        for (uint32_t s = 0; s < pcm->frameLength(); ++s) {
+            // Interleaved: both channels of the mono source carry the same sample.
+            ASSERT_EQ(data[2 * s], data[2 * s + 1]);
+            if (i > 2 && (previous < 0) != (data[2 * s] < 0)) ++crossings;
+            previous = data[2 * s];
+        }
+        if (i > 2) frames += pcm->frameLength();
+        if (i > 0) {
+            const auto& p = collected.buffers[i - 1];
+            EXPECT_EQ(b.presentationTimeStamp(), p.presentationTimeStamp() + CMTime(p.numSamples(), 16000));
+        }
+    }
+    // 440 Hz at 16 kHz: 880 zero crossings per second of audio.
+    EXPECT_NEAR(double(crossings) / (double(frames) / 16000), 880, 20);
+}
+
+TEST(PulseRecordStream, AStalledSourceNeverHoldsUpStop) {
+    PulseDaemon daemon;
+    PipeFeeder feeder(daemon);
+    LinuxCapturePlatform platform;
+    Collected collected;
+    auto producer = startMicrophone(platform, collected);
+    ASSERT_TRUE(producer);
+    ASSERT_TRUE(collected.waitForBuffers(10, std::chrono::seconds(5)));
+    // The source stops delivering, and then the server stops answering too.
+    feeder.stall();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    daemon.freeze();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const auto began = Clock::now();
+    producer->stop();
+    // Bounded by the stream's abandon limit (1 s) whatever the server does.
+    EXPECT_LT(millisecondsSince(began), 1500.0);
+    daemon.thaw();
+    EXPECT_FALSE(collected.failure);
+}
+
+TEST(PulseRecordStream, AKilledServerAndAnUnloadedSourceAreTold) {
+    {
+        PulseDaemon daemon;
+        PipeFeeder feeder(daemon);
+        LinuxCapturePlatform platform;
+        Collected collected;
+        auto producer = startMicrophone(platform, collected);
+        ASSERT_TRUE(producer);
+        ASSERT_TRUE(collected.waitForBuffers(10, std::chrono::seconds(5)));
+        const auto killed = Clock::now();
+        daemon.stop();
+        ASSERT_TRUE(collected.waitForFailure(std::chrono::seconds(2)));
+        EXPECT_LT(std::chrono::duration<double>(collected.failedAt - killed).count(), 1.0);
+        producer->stop();
+    }
+    {
+        PulseDaemon daemon;
+        PipeFeeder feeder(daemon);
+        LinuxCapturePlatform platform;
+        Collected collected;
+        auto producer = startMicrophone(platform, collected);
+        ASSERT_TRUE(producer);
+        ASSERT_TRUE(collected.waitForBuffers(10, std::chrono::seconds(5)));
+        ASSERT_EQ(daemon.pactl("unload-module module-pipe-source"), 0);
+        ASSERT_TRUE(collected.waitForFailure(std::chrono::seconds(2)));
+        producer->stop();
+        EXPECT_FALSE(platform.device(PulseDaemon::microphone));
+    }
+}
+
+// Counts the "devices" notifications of a platform.
+struct DeviceEvents {
+    std::mutex mutex;
+    std::condition_variable changed;
+    int count = 0;
+    bool waitForMore(int than, std::chrono::milliseconds limit) {
+        std::unique_lock lock(mutex);
+        return changed.wait_for(lock, limit, [&] { return count > than; });
+    }
+    int seen() {
+        std::lock_guard lock(mutex);
+        return count;
+    }
+    KeyValueObservation observe(CapturePlatform& platform) {
+        return platform.observeDevices([this](const std::string&) {
+            std::lock_guard lock(mutex);
+            ++count;
+            changed.notify_all();
+        });
+    }
+};
+
+bool listed(const std::vector<AVCaptureDeviceRef>& devices, const std::string& id) {
+    for (const auto& d : devices)
+        if (d->uniqueID() == id) return true;
+    return false;
+}
+
+TEST(PulseDeviceList, ObserversHearSourcesComeAndGoWithinASecond) {
+    PulseDaemon daemon;
+    LinuxCapturePlatform platform;
+    DeviceEvents events;
+    auto observation = events.observe(platform);
+    ASSERT_TRUE(listed(platform.devices(), PulseDaemon::microphone));
+    ASSERT_EQ(daemon.pactl("load-module module-null-sink sink_name=second"), 0);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the sink's own monitor is no microphone
+
+    int before = events.seen();
+    auto began = Clock::now();
+    ASSERT_EQ(daemon.pactl("load-module module-remap-source master=second.monitor source_name=remapped"), 0);
+    ASSERT_TRUE(events.waitForMore(before, std::chrono::seconds(1)));
+    EXPECT_LT(millisecondsSince(began), 1000.0);
+    EXPECT_TRUE(listed(platform.devices(), "remapped"));
+
+    before = events.seen();
+    began = Clock::now();
+    ASSERT_EQ(daemon.pactl("unload-module module-remap-source"), 0);
+    ASSERT_TRUE(events.waitForMore(before, std::chrono::seconds(1)));
+    EXPECT_LT(millisecondsSince(began), 1000.0);
+    EXPECT_FALSE(listed(platform.devices(), "remapped"));
+}
+
+TEST(PulseDeviceList, WithoutAServerTheListIsEmptyAndFillsWhenOneAppears) {
+    ::setenv("PULSE_SERVER", "unix:/nonexistent/orvane-pulse", 1);
+    LinuxCapturePlatform platform;
+    DeviceEvents events;
+    auto observation = events.observe(platform);
+    EXPECT_TRUE(platform.devices().empty());
+    const int before = events.seen();
+    // The daemon points PULSE_SERVER at itself; the provider's next attempt finds it.
+    PulseDaemon daemon;
+    ASSERT_TRUE(events.waitForMore(before, std::chrono::seconds(5)));
+    EXPECT_TRUE(listed(platform.devices(), PulseDaemon::microphone));
+    // And a server that goes empties the list again, with a notification.
+    const int withServer = events.seen();
+    daemon.stop();
+    ASSERT_TRUE(events.waitForMore(withServer, std::chrono::seconds(1)));
+    EXPECT_TRUE(platform.devices().empty());
+}
+
+}  // namespace
+}  // namespace ov::platform
