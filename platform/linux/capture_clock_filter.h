@@ -4,11 +4,15 @@
 //
 // Two stages:
 //  1. A second-order delay-locked loop follows the device's frame position
-//     against host time: each chunk's observed capture time (arrival less the
-//     reported latency) pulls the loop's line by a small share of its error,
-//     and the loop's period per frame learns the device's true rate. The loop
-//     starts wide, so that it locks within a second, and narrows to a
-//     bandwidth that averages scheduling jitter away over tens of seconds.
+//     against host time. A chunk's observed capture time (arrival less the
+//     reported latency) is an upper bound of the true one: a chunk can arrive
+//     late by any amount (a busy scheduler, a loaded server), never early.
+//     So the loop is not pulled by every observation (their mean lies as
+//     late as the machine is busy) but once per window by the window's
+//     earliest one, which lies close to the true time however loaded the
+//     machine is. The loop's period per frame learns the device's true
+//     rate. The loop starts wide, so that it locks within seconds, and
+//     narrows to a bandwidth that averages what is left over minutes.
 //  2. The stamps themselves lie on the nominal frame-count line (each chunk
 //     starts where the previous one ended, at the nominal rate), which
 //     encoders and retimers want. Only when the loop's estimate has moved
@@ -27,8 +31,12 @@ class CaptureClockFilter {
 public:
     struct Options {
         // Loop bandwidth at the start and after settling, in Hz.
-        double initialBandwidth = 0.2;
+        double initialBandwidth = 0.05;
         double finalBandwidth = 0.02;
+        // The loop's damping: at 1 (critically damped) an offset is taken
+        // out without swinging past, so that a first estimate that was off
+        // never shows as an error the other way.
+        double damping = 1.0;
         // Seconds over which the bandwidth narrows from initial to final.
         double narrowingTime = 20.0;
         // How far the stamps may lie from the loop's estimate before the
@@ -38,16 +46,22 @@ public:
         // 20 µs per 20 ms chunk, far below what anyone hears or a retimer
         // minds).
         double maxSlew = 1e-3;
-        // Arrivals are only ever late (a busy scheduler, a loaded server),
-        // never early: an observation earlier than the loop's line counts in
-        // full up to maxError, a later one only up to maxLateError, so the
-        // loop follows the early edge of the arrivals rather than their
-        // load-dependent mean.
+        // Seconds of audio whose earliest observation makes one update.
+        double window = 1.0;
+        // A window whose earliest observation is earlier than the loop's
+        // line counts in full up to maxError; a later one (a window in which
+        // every chunk came late) only up to maxLateError.
         double maxError = 0.005;
         double maxLateError = 0.0005;
         // A device that keeps being this far off (a suspended source, a
-        // server that restarted the stream) restarts the loop and the line.
+        // server that restarted the stream) restarts the loop and the line:
+        // resyncCount observations in a row, each within resyncAgreement of
+        // the one before. A backlog that a stalled reader catches up on is
+        // far off too, but only for a moment and by less with every chunk
+        // (its chunks arrive together), so it never restarts the line.
         double resyncError = 0.25;
+        int resyncCount = 3;
+        double resyncAgreement = 0.005;
     };
 
     explicit CaptureClockFilter(double sampleRate) : CaptureClockFilter(sampleRate, Options{}) {}
@@ -69,9 +83,9 @@ public:
     Stamp stamp(int64_t position, int64_t frames, int64_t observedNanos);
 
     // Starts the loop and the line at a known time of a frame: the caller's
-    // robust estimate from the first observations (say their median), which
-    // is better than any single one. Without it the first observation is
-    // the anchor.
+    // estimate from the first observations (the earliest of them: each is
+    // an upper bound of the true time), which is better than any single one.
+    // Without it the first observation is the anchor.
     void seed(int64_t position, int64_t nanos);
 
     // The loop's current estimate of the host time of frame `position`.
@@ -95,7 +109,10 @@ private:
     double baseSeconds_ = 0;
     double period_ = 0;  // host seconds per frame
     double elapsed_ = 0; // seconds of audio since the loop started
+    double windowError_ = 0; // the earliest observation of the window, against the loop
+    bool windowHasError_ = false;
     int farOff_ = 0;
+    double farOffError_ = 0;
     int resyncs_ = 0;
     // The line: stamp of frame p = lineStartNanos_ + p / rate (+ correction).
     int64_t lineStartNanos_ = 0;

@@ -14,6 +14,7 @@ extern "C" {
 #include <cstring>
 #include <algorithm>
 #include <future>
+#include <limits>
 #include <thread>
 #include <vector>
 
@@ -67,15 +68,23 @@ struct PulseRecordStream::State {
     int64_t outputPosition = 0;
     CaptureClockFilter filter{48000};
     int resyncsLogged = 0;
-    // The first chunks wait until the line can be anchored on their median
-    // observation: one chunk alone may have arrived late.
+    // The first chunks wait until the line can be anchored. An observation
+    // is an upper bound of a chunk's capture time (it can only have arrived
+    // late, never early), so the line goes through the earliest of them, not
+    // through a typical one. And the wait is counted in host time, not in
+    // chunks: a source may open with a backlog (a pipe that filled while
+    // nobody recorded, a server that caught up after a stall) that arrives
+    // in one burst, where every observation is as late as the burst's end;
+    // only chunks that arrive at the pace of capture after it pin the line.
     struct Held {
         std::shared_ptr<AVAudioPCMBuffer> pcm;
         int64_t position;
         int64_t observedNanos;
     };
-    static constexpr size_t warmupChunks = 9;
+    static constexpr int64_t warmupNanos = 150'000'000;
+    static constexpr size_t warmupMinimumChunks = 4;
     std::vector<Held> held;
+    int64_t firstArrivalNanos = -1;
     bool seeded = false;
 
     State(PulseRecordStreamOptions o, CaptureProducerSink s)
@@ -172,14 +181,15 @@ struct PulseRecordStream::State {
         size_t offset = 0;
         int64_t chunkIndex = 0;
         while ((pending.size() - offset) / inChannels >= chunkFrames) {
-            deliver(pending.data() + offset, firstObserved + chunkIndex * int64_t(chunkFrames) * 1'000'000'000 / inRate);
+            deliver(pending.data() + offset, firstObserved + chunkIndex * int64_t(chunkFrames) * 1'000'000'000 / inRate,
+                    now);
             offset += size_t(chunkFrames) * inChannels;
             ++chunkIndex;
         }
         pending.erase(pending.begin(), pending.begin() + std::ptrdiff_t(offset));
     }
 
-    void deliver(const float* frames, int64_t observedNanos) {
+    void deliver(const float* frames, int64_t observedNanos, int64_t arrivalNanos) {
         const int capacity = swr_get_out_samples(resampler, int(chunkFrames)) + 16;
         auto pcm = AVAudioPCMBuffer::make(options.format, AVAudioFrameCount(capacity));
         if (!pcm) return;
@@ -202,15 +212,18 @@ struct PulseRecordStream::State {
         outputPosition += produced;
         if (!seeded) {
             held.push_back({pcm, position, observedOut});
-            if (held.size() < warmupChunks) return;
-            std::vector<int64_t> offsets;
-            for (const auto& h : held) offsets.push_back(h.observedNanos - h.position * 1'000'000'000 / outRate);
-            std::nth_element(offsets.begin(), offsets.begin() + std::ptrdiff_t(offsets.size() / 2), offsets.end());
-            const int64_t anchor = offsets[offsets.size() / 2];
+            if (firstArrivalNanos < 0) firstArrivalNanos = arrivalNanos;
+            if (held.size() < warmupMinimumChunks || arrivalNanos - firstArrivalNanos < warmupNanos) return;
+            int64_t anchor = std::numeric_limits<int64_t>::max();
+            for (const auto& h : held)
+                anchor = std::min(anchor, h.observedNanos - h.position * 1'000'000'000 / outRate);
             filter.seed(held.front().position, anchor + held.front().position * 1'000'000'000 / outRate);
             seeded = true;
+            // The held chunks lie on the line they anchored: their own
+            // observations, later than it, told all they could.
             for (const auto& h : std::exchange(held, {}))
-                send(h.pcm, filter.stamp(h.position, h.pcm->frameLength(), h.observedNanos));
+                send(h.pcm, filter.stamp(h.position, h.pcm->frameLength(),
+                                         anchor + h.position * 1'000'000'000 / outRate));
             return;
         }
         send(pcm, filter.stamp(position, produced, observedOut));
