@@ -2,6 +2,7 @@
 // drift followed slowly, never a jump.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <random>
 
@@ -91,6 +92,72 @@ TEST(CaptureClockFilter, AGapInDeliveryRestartsTheLineAtTheNewTime) {
     for (int k = 0; k < 10; ++k, position += chunk, t += chunk / rate) s = filter.stamp(position, chunk, int64_t(t * 1e9));
     EXPECT_EQ(filter.resyncCount(), 1);
     EXPECT_NEAR(s.seconds(rate), t - chunk / rate, 0.001);
+}
+
+// Stamps against the true capture times over a run, after the first second.
+struct Deviation {
+    double earliest = 1, latest = -1;
+    void add(double stamp, double truth) {
+        earliest = std::min(earliest, stamp - truth);
+        latest = std::max(latest, stamp - truth);
+    }
+};
+
+TEST(CaptureClockFilter, ALoadedMachineDoesNotDragTheStampsLate) {
+    // Every chunk late by 15 ms on average, one in a hundred by 100 ms more:
+    // the earliest arrivals still say where the audio was captured.
+    std::mt19937_64 random(5);
+    std::exponential_distribution<double> delay(1 / 0.015);
+    std::uniform_real_distribution<double> uniform(0, 1);
+    CaptureClockFilter filter(rate);
+    filter.seed(0, int64_t(100e9));
+    Deviation deviation;
+    for (int64_t k = 0; k < 60 * 50; ++k) {
+        const double truth = 100 + double(k * chunk) / rate;
+        const double late = delay(random) + (uniform(random) < 0.01 ? 0.1 : 0.0);
+        deviation.add(filter.stamp(k * chunk, chunk, int64_t(std::llround((truth + late) * 1e9))).seconds(rate), truth);
+    }
+    EXPECT_GT(deviation.earliest, -0.0005);
+    EXPECT_LT(deviation.latest, 0.0005);
+}
+
+TEST(CaptureClockFilter, ABacklogCaughtUpAtOnceNeitherRestartsNorMovesTheLine) {
+    CaptureClockFilter filter(rate);
+    filter.seed(0, int64_t(100e9));
+    Deviation deviation;
+    int64_t k = 0;
+    auto deliver = [&](double observed) {
+        const double truth = 100 + double(k * chunk) / rate;
+        deviation.add(filter.stamp(k * chunk, chunk, int64_t(std::llround(observed * 1e9))).seconds(rate), truth);
+        ++k;
+    };
+    // An observation is when a chunk's first frame was captured, judged by
+    // when the chunk arrived: here 1 ms late.
+    while (k < 250) deliver(100 + double(k * chunk) / rate + 0.001);
+    // The reader stalled for 0.6 s; the 30 chunks it missed come one after
+    // another as it catches up, each judged as if it had just been captured.
+    const double caughtUp = 100 + double((k + 29) * chunk) / rate + 0.001;
+    for (int i = 0; i < 30; ++i) deliver(caughtUp);
+    while (k < 500) deliver(100 + double(k * chunk) / rate + 0.001);
+    EXPECT_EQ(filter.resyncCount(), 0);
+    EXPECT_GT(deviation.earliest, -0.0005);
+    EXPECT_LT(deviation.latest, 0.0005);
+}
+
+TEST(CaptureClockFilter, AFirstEstimateThatWasOffIsTakenOutWithoutSwingingPast) {
+    std::mt19937_64 random(3);
+    std::uniform_real_distribution<double> late(0, 0.001);
+    CaptureClockFilter filter(rate);
+    filter.seed(0, int64_t(100.003e9));  // 3 ms late
+    Deviation deviation, end;
+    for (int64_t k = 0; k < 120 * 50; ++k) {
+        const double truth = 100 + double(k * chunk) / rate;
+        const double stamp = filter.stamp(k * chunk, chunk, int64_t(std::llround((truth + late(random)) * 1e9))).seconds(rate);
+        deviation.add(stamp, truth);
+        if (k >= 100 * 50) end.add(stamp, truth);
+    }
+    EXPECT_GT(deviation.earliest, -0.0005);
+    EXPECT_LT(end.latest, 0.001);
 }
 
 }  // namespace
