@@ -69,7 +69,10 @@ void MicrophoneInterruptionMonitor::arm() {
         armed_ = true;
         early = earlyError_;
         if (lastSampleNanos_.load() == 0) noteSample();
-        watcher_ = std::thread([this] { watch(); });
+        // An abort handler that finishes the recording at once runs on the
+        // watcher, which then outlives its disarm: it keeps the monitor
+        // alive until it has returned (when a shared pointer owns it).
+        watcher_ = std::thread([this, keep = weak_from_this().lock()] { watch(); });
     }
     if (early) report(std::make_exception_ptr(runtimeErrorFor(early)), "Microphone stopped with a runtime error, aborting.");
 }
