@@ -74,6 +74,7 @@ void MicrophoneCoordinator::captureOutput(platform::AVCaptureOutput& output, con
 void MicrophoneCoordinator::retimeAndDeliver(platform::AVCaptureOutput& output, const CMSampleBuffer& sampleBuffer,
                                              platform::AVCaptureConnection&) {
     const double arrival = platform::hostTimeNow().seconds();
+    if (interruptionMonitor) interruptionMonitor->noteSample();
     if (useTimeline_) {
         audioPrepareAdaptor.append(sampleBuffer);
         CMSampleBuffer sample = sampleBuffer;
@@ -182,6 +183,21 @@ void configureSession(MicrophoneCoordinator& coordinator, const std::shared_ptr<
                            {"outputs", std::to_string(session->outputs().size())},
                            {"connections", std::to_string(session->connections().size())}};
     });
+}
+
+// The monitor of a running microphone, told of the session's runtime errors
+// (which the session posts on its own notification queue).
+std::shared_ptr<MicrophoneInterruptionMonitor> monitorMicrophone(MicrophoneCoordinator& coordinator,
+                                                                 const AVCaptureDevice& device, const Logger& logger,
+                                                                 AbortFunction onAbort) {
+    auto monitor = std::make_shared<MicrophoneInterruptionMonitor>(device.uniqueID(), device.localizedName(), logger,
+                                                                   std::move(onAbort));
+    coordinator.interruptionMonitor = monitor;
+    std::weak_ptr<MicrophoneInterruptionMonitor> weak = monitor;
+    coordinator.captureSession->setRuntimeErrorHandler([weak](std::exception_ptr error) {
+        if (auto monitor = weak.lock()) monitor->runtimeError(error);
+    });
+    return monitor;
 }
 
 // Waits for the microphone's first stable samples; a silent device fails with
@@ -296,6 +312,7 @@ AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& ou
     logger_.info("AVAssetWriter ready.");
 
     configureSession(*coordinator_, device, logger_);
+    interruptionMonitor_ = monitorMicrophone(*coordinator_, *device, logger_, onAbort_);
     if (audioDelay != 0)
         logger_.info("Audio delay configured.", [&] { return LogMetadata{{"audioDelay", fmt::format("{}", audioDelay)}}; });
 
@@ -318,6 +335,7 @@ AudioFileRecorder::AudioFileRecorder(std::string id, const OutputDescription& ou
 }
 
 AudioFileRecorder::~AudioFileRecorder() {
+    if (interruptionMonitor_) interruptionMonitor_->disarm();
     if (coordinator_ && coordinator_->captureSession && coordinator_->captureSession->isRunning())
         coordinator_->captureSession->stopRunning();
 }
@@ -337,6 +355,7 @@ std::vector<OVBundleInfo::FileAsset> AudioFileRecorder::prepare() {
     logger_.info("Preparing.");
     coordinator_->captureSession->startRunning();
     waitForAudioSampleBuffers(*coordinator_, microphoneID_, logger_);
+    interruptionMonitor_->arm();
     // The file is opened once the microphone is known to deliver, so that a
     // failed prepare leaves no empty file in the bundle. Nothing is written
     // before the timeline opens its first interval.
@@ -359,6 +378,8 @@ std::vector<OVBundleInfo::FileAsset> AudioFileRecorder::finish() {
             processor.reset();
         }
     } finished{logger_, ecProcessor_};
+    // Our own stop is no fault.
+    interruptionMonitor_->disarm();
     if (ecProcessor_) ecProcessor_->stopTap();
     coordinator_->captureSession->stopRunning();
     std::exception_ptr chopperError;
@@ -459,8 +480,8 @@ AudioStreamRecorder::AudioStreamRecorder(std::string id, const std::string& micr
       logger_(logger.with("AudioStreamRecorder", id_)),
       microphoneID_(microphoneID),
       sampleBufferQueue_(std::make_shared<platform::DispatchQueue>("AudioStreamRecorderSampleBufferQueue")) {
-    coordinator_ = std::make_shared<Coordinator>(std::move(recordingTimeline), useTimeline, logger_,
-                                                 std::move(onAbort), std::move(callback));
+    coordinator_ = std::make_shared<Coordinator>(std::move(recordingTimeline), useTimeline, logger_, onAbort,
+                                                 std::move(callback));
     coordinator_->captureSession = platform::AVCaptureSession::make();
     coordinator_->audioOutput = platform::AVCaptureAudioDataOutput::make();
     if (audioConfiguration) {
@@ -478,9 +499,11 @@ AudioStreamRecorder::AudioStreamRecorder(std::string id, const std::string& micr
     auto device = lookUpMicrophone(microphoneID, logger_);
     coordinator_->audioOutput->setSampleBufferDelegate(coordinator_, sampleBufferQueue_);
     configureSession(*coordinator_, device, logger_);
+    interruptionMonitor_ = monitorMicrophone(*coordinator_, *device, logger_, std::move(onAbort));
 }
 
 AudioStreamRecorder::~AudioStreamRecorder() {
+    if (interruptionMonitor_) interruptionMonitor_->disarm();
     if (coordinator_ && coordinator_->captureSession && coordinator_->captureSession->isRunning())
         coordinator_->captureSession->stopRunning();
 }
@@ -489,11 +512,13 @@ std::vector<OVBundleInfo::FileAsset> AudioStreamRecorder::prepare() {
     logger_.info("Preparing.");
     coordinator_->captureSession->startRunning();
     waitForAudioSampleBuffers(*coordinator_, microphoneID_, logger_);
+    interruptionMonitor_->arm();
     logger_.info("Prepared.");
     return {};
 }
 
 std::vector<OVBundleInfo::FileAsset> AudioStreamRecorder::finish() {
+    interruptionMonitor_->disarm();
     coordinator_->captureSession->stopRunning();
     onQueue(*sampleBufferQueue_, [&] {
         try {

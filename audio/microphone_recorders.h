@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "audio/echo/echo_cancellation_processor.h"
+#include "audio/microphone_interruption_monitor.h"
 #include "output/av_asset_writer_input_buffer_adaptor.h"
 #include "output/output_asset_writers.h"
 #include "output/ov_logger.h"
@@ -51,6 +52,8 @@ public:
     std::function<void(const platform::CMSampleBuffer&)> onMicAudio;
     PrepareRingBufferAdapter<platform::CMSampleBuffer> audioPrepareAdaptor;
     RecordingTimelineBoundedAudioStream audioChopper;
+    // Hears of every sample, to notice when they stop.
+    std::shared_ptr<MicrophoneInterruptionMonitor> interruptionMonitor;
 
 protected:
     void retimeAndDeliver(platform::AVCaptureOutput& output, const platform::CMSampleBuffer& sampleBuffer,
@@ -107,6 +110,7 @@ private:
     std::shared_ptr<EchoCancellationProcessor> ecProcessor_;
     // The microphone file the offline pass reads; absent for segmented output.
     std::optional<std::filesystem::path> singleFileURL_;
+    std::shared_ptr<MicrophoneInterruptionMonitor> interruptionMonitor_;
 };
 
 class AudioStreamRecorder final : public Recorder {
@@ -128,6 +132,7 @@ private:
     std::string microphoneID_;
     std::shared_ptr<platform::DispatchQueue> sampleBufferQueue_;
     std::shared_ptr<Coordinator> coordinator_;
+    std::shared_ptr<MicrophoneInterruptionMonitor> interruptionMonitor_;
 };
 
 // The microphone recorders of a schema item.

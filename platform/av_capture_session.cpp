@@ -1,7 +1,11 @@
 #include "platform/av_capture_session.h"
 
 #include <algorithm>
+#include <future>
 #include <stdexcept>
+#include <thread>
+
+#include "platform/os_log.h"
 
 namespace ov::platform {
 
@@ -16,11 +20,41 @@ DispatchQueue& notificationQueue() {
 
 AVCaptureSession::~AVCaptureSession() {
     std::vector<std::unique_ptr<CaptureProducer>> producers;
+    std::shared_ptr<Gate> gate;
     {
         std::lock_guard lock(mutex_);
         producers.swap(producers_);
+        gate = std::move(gate_);
     }
-    for (auto& producer : producers) producer->stop();
+    stopProducers(std::move(producers), gate);
+}
+
+void AVCaptureSession::stopProducers(std::vector<std::unique_ptr<CaptureProducer>> producers,
+                                     const std::shared_ptr<Gate>& gate) {
+    // Closing the gate first means nothing new reaches a delegate, whatever
+    // the producers do next. A sink holds the gate only to hand a sample on.
+    if (gate) {
+        std::unique_lock lock(gate->mutex);
+        gate->open = false;
+    }
+    if (producers.empty()) return;
+    // A producer that hangs in its stop (a device that doesn't answer) must
+    // not hang the session: it is left to finish, or not, on its own thread.
+    auto done = std::make_shared<std::promise<void>>();
+    auto finished = done->get_future();
+    auto owned = std::make_shared<std::vector<std::unique_ptr<CaptureProducer>>>(std::move(producers));
+    std::thread worker([owned, done] {
+        for (auto& producer : *owned) producer->stop();
+        done->set_value();
+    });
+    if (finished.wait_for(stopLimit) == std::future_status::ready) {
+        worker.join();
+        return;
+    }
+    worker.detach();
+    OSLog(OSLog::defaultSubsystem, "AVCaptureSession")
+        .error("A capture device did not stop within " + std::to_string(stopLimit.count()) +
+               " ms; it is abandoned and delivers nowhere.");
 }
 
 bool AVCaptureSession::canAddInput(const std::shared_ptr<AVCaptureInput>& input) const {
@@ -123,6 +157,7 @@ void AVCaptureSession::startRunning() {
     }
     std::vector<std::unique_ptr<CaptureProducer>> started;
     std::weak_ptr<AVCaptureSession> weakSelf = weak_from_this();
+    auto gate = std::make_shared<Gate>();
     for (const auto& connection : connections) {
         if (!connection->isEnabled()) continue;
         std::shared_ptr<AVCaptureOutput> output;
@@ -136,13 +171,19 @@ void AVCaptureSession::startRunning() {
         // devices on different clocks line up.
         auto deviceClock = connection->input()->device()->synchronizationClock();
         const bool restamp = deviceClock != sessionClock;
-        sink.output = [weakOutput, weakConnection, restamp, deviceClock, sessionClock](const CMSampleBuffer& sampleBuffer) {
+        sink.output = [gate, weakOutput, weakConnection, restamp, deviceClock, sessionClock](const CMSampleBuffer& sampleBuffer) {
+            std::shared_lock open(gate->mutex);
+            if (!gate->open) return;
             auto target = weakOutput.lock();
             auto connection = weakConnection.lock();
             if (!target || !connection || !connection->isEnabled()) return;
             target->deliver(restamp ? restamped(sampleBuffer, deviceClock, sessionClock) : sampleBuffer, connection);
         };
-        sink.failed = [weakSelf](std::exception_ptr error) {
+        sink.failed = [gate, weakSelf](std::exception_ptr error) {
+            {
+                std::shared_lock open(gate->mutex);
+                if (!gate->open) return;
+            }
             if (auto self = weakSelf.lock()) self->reportRuntimeError(error);
         };
         try {
@@ -153,17 +194,20 @@ void AVCaptureSession::startRunning() {
     }
     std::lock_guard lock(mutex_);
     for (auto& producer : started) producers_.push_back(std::move(producer));
+    gate_ = gate;
 }
 
 void AVCaptureSession::stopRunning() {
     std::lock_guard run(runMutex_);
     std::vector<std::unique_ptr<CaptureProducer>> producers;
+    std::shared_ptr<Gate> gate;
     {
         std::lock_guard lock(mutex_);
         running_ = false;
         producers.swap(producers_);
+        gate = std::move(gate_);
     }
-    for (auto& producer : producers) producer->stop();
+    stopProducers(std::move(producers), gate);
 }
 
 bool AVCaptureSession::isRunning() const {

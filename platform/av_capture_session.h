@@ -11,8 +11,10 @@
 // its runtime error notification; the session keeps running its other
 // connections.
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <shared_mutex>
 #include <mutex>
 #include <vector>
 
@@ -43,8 +45,11 @@ public:
     // the runtime error handler and the others run.
     void startRunning();
     // Ends delivery; once it returns no new sample is handed to a delegate
-    // queue (samples already queued still run).
+    // queue (samples already queued still run). Returns within a bound: a
+    // producer that doesn't stop within stopLimit is abandoned (logged as an
+    // error), and its samples go nowhere from then on.
     void stopRunning();
+    static constexpr std::chrono::milliseconds stopLimit{2000};
     bool isRunning() const;
 
     // The clock of the first input whose device has one, or null; then sample
@@ -56,14 +61,22 @@ public:
     void setRuntimeErrorHandler(std::function<void(std::exception_ptr)> handler);
 
 private:
+    struct Gate;
     AVCaptureSession() = default;
     void reportRuntimeError(std::exception_ptr error);
+    static void stopProducers(std::vector<std::unique_ptr<CaptureProducer>> producers, const std::shared_ptr<Gate>& gate);
 
     mutable std::mutex mutex_;
     std::vector<std::shared_ptr<AVCaptureInput>> inputs_;
     std::vector<std::shared_ptr<AVCaptureOutput>> outputs_;
     std::vector<std::shared_ptr<AVCaptureConnection>> connections_;
     std::vector<std::unique_ptr<CaptureProducer>> producers_;
+    // The running producers' gate: a sink delivers only while it is open.
+    struct Gate {
+        std::shared_mutex mutex;
+        bool open = true;
+    };
+    std::shared_ptr<Gate> gate_;
     bool running_ = false;
     std::shared_ptr<std::function<void(std::exception_ptr)>> runtimeErrorHandler_;
     // Serialises startRunning and stopRunning without holding mutex_ while

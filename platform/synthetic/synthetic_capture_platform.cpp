@@ -5,6 +5,7 @@
 #include <condition_variable>
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 #include <fmt/format.h>
 
@@ -122,6 +123,7 @@ struct FaultPlan {
         for (const auto& fault : faults) {
             if (static_cast<double>(elapsed) < fault.after * 1e9) continue;
             if (fault.kind == SyntheticFault::Kind::silentUntilCenterStageToggle) continue;  // the device's own
+            if (fault.kind == SyntheticFault::Kind::hangsOnStop) continue;                   // the producer's
             if (fault.kind == SyntheticFault::Kind::goesIdle) {
                 idle = true;
             } else if (!terminal || fault.after < terminal->after) {
@@ -187,12 +189,15 @@ public:
 
 class DeviceProducer final : public CaptureProducer {
 public:
-    DeviceProducer(std::unique_ptr<TimedLoop> loop, std::shared_ptr<std::atomic<size_t>> running)
-        : loop_(std::move(loop)), running_(std::move(running)) {
+    DeviceProducer(std::unique_ptr<TimedLoop> loop, std::shared_ptr<std::atomic<size_t>> running, bool hangsOnStop)
+        : loop_(std::move(loop)), running_(std::move(running)), hangsOnStop_(hangsOnStop) {
         ++*running_;
     }
     ~DeviceProducer() override { stop(); }
     void stop() override {
+        // A driver stuck in a read: the stop doesn't return, and delivery
+        // goes on meanwhile.
+        if (std::exchange(hangsOnStop_, false)) std::this_thread::sleep_for(std::chrono::seconds(60));
         loop_->stop();
         if (!stopped_.exchange(true)) --*running_;
     }
@@ -201,6 +206,7 @@ private:
     std::unique_ptr<TimedLoop> loop_;
     std::shared_ptr<std::atomic<size_t>> running_;
     std::atomic<bool> stopped_{false};
+    bool hangsOnStop_;
 };
 
 }  // namespace
@@ -634,6 +640,9 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
         }
     };
     const uint64_t centerStageAtStart = centerStageChanges();
+    const bool hangsOnStop = std::any_of(model_.faults.begin(), model_.faults.end(), [](const SyntheticFault& fault) {
+        return fault.kind == SyntheticFault::Kind::hangsOnStop;
+    });
 
     // Ends delivery as a fault or the device's state says; false when the
     // event is to be delivered.
@@ -687,7 +696,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
             sink.output(CMSampleBuffer::makeForImageBuffer(std::move(picture), timing, *description));
             return true;
         };
-        return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticVideo", due, fire), runningProducers_);
+        return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticVideo", due, fire), runningProducers_, hangsOnStop);
     }
 
     const AVAudioFormat format = request.audioFormat.value_or(nativeAudioFormat());
@@ -703,7 +712,7 @@ std::unique_ptr<CaptureProducer> SyntheticCaptureDevice::startProducing(const Ca
         sink.output(CMSampleBuffer::makeAudio(*pcm, onClock(bufferStart, clock)));
         return true;
     };
-    return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticAudio", due, fire), runningProducers_);
+    return std::make_unique<DeviceProducer>(std::make_unique<TimedLoop>("SyntheticAudio", due, fire), runningProducers_, hangsOnStop);
 }
 
 // ---- Screens.

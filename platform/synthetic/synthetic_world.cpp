@@ -24,6 +24,7 @@ std::string toString(SyntheticFault::Kind kind) {
         case SyntheticFault::Kind::disappears: return "disappears";
         case SyntheticFault::Kind::goesIdle: return "goesIdle";
         case SyntheticFault::Kind::silentUntilCenterStageToggle: return "silentUntilCenterStageToggle";
+        case SyntheticFault::Kind::hangsOnStop: return "hangsOnStop";
     }
     return "unknown";
 }
@@ -237,14 +238,15 @@ SyntheticFault decodeFault(const Decoder& d) {
         {"stopsWithError", SyntheticFault::Kind::stopsWithError},
         {"disappears", SyntheticFault::Kind::disappears},
         {"goesIdle", SyntheticFault::Kind::goesIdle},
-        {"silentUntilCenterStageToggle", SyntheticFault::Kind::silentUntilCenterStageToggle}};
+        {"silentUntilCenterStageToggle", SyntheticFault::Kind::silentUntilCenterStageToggle},
+        {"hangsOnStop", SyntheticFault::Kind::hangsOnStop}};
     bool found = false;
     for (const auto& [name, value] : kinds)
         if (kind == name) fault.kind = value, found = true;
     if (!found)
         kindDecoder.throwDataCorrupted("Unknown fault kind \"" + kind +
-                                       "\"; expected neverDelivers, stopsDelivering, stopsWithError, disappears, goesIdle or "
-                                       "silentUntilCenterStageToggle");
+                                       "\"; expected neverDelivers, stopsDelivering, stopsWithError, disappears, goesIdle, "
+                                       "silentUntilCenterStageToggle or hangsOnStop");
     fault.after = decodeNumber(d, "after", 0.0, 0.0, 1e9);
     fault.domain = d.decodeIfPresent<std::string>("domain");
     fault.code = d.decodeIfPresent<int64_t>("code");

@@ -53,7 +53,7 @@
 //   AUDIO = {"sampleRate": 48000, "channels": 1, "bufferFrames": 1024,
 //            "tone": {"frequency": 440, "level": 0.25}}    level: peak amplitude 0..1
 //   FAULT = {"kind": "neverDelivers" | "stopsDelivering" | "stopsWithError" | "disappears" | "goesIdle"
-//                    | "silentUntilCenterStageToggle",
+//                    | "silentUntilCenterStageToggle" | "hangsOnStop",
 //            "after": 0.0,             seconds after capture starts
 //            "domain": "...", "code": -3821, "message": "..."}   for stopsWithError
 //
@@ -72,6 +72,9 @@
 //   silentUntilCenterStageToggle
 //                    cameras: nothing arrives until the class-level Center Stage
 //                    setting changes after capture starts, as some cameras do.
+//   hangsOnStop      cameras, microphones, phones: stopping capture doesn't
+//                    return for a minute (a driver stuck in a read), while
+//                    samples keep coming; `after` is not used.
 
 #include <cstdint>
 #include <filesystem>
@@ -87,7 +90,15 @@
 namespace ov::platform {
 
 struct SyntheticFault {
-    enum class Kind { neverDelivers, stopsDelivering, stopsWithError, disappears, goesIdle, silentUntilCenterStageToggle };
+    enum class Kind {
+        neverDelivers,
+        stopsDelivering,
+        stopsWithError,
+        disappears,
+        goesIdle,
+        silentUntilCenterStageToggle,
+        hangsOnStop
+    };
     Kind kind = Kind::neverDelivers;
     double after = 0;
     std::optional<std::string> domain;

@@ -21,21 +21,8 @@ using nlohmann::json;
 
 TEST(LinuxMicrophoneOverRpc, ListsAndRecordsTheServersMicrophone) {
     PulseDaemon daemon;
-    std::atomic<bool> feeding{true};
-    std::thread feeder([&] {
-        const int fd = ::open(daemon.fifo().c_str(), O_WRONLY);
-        // Never block: a source the server stopped reading must not hold the test forever.
-        ::fcntl(fd, F_SETFL, O_NONBLOCK);
-        std::vector<float> chunk(size_t(daemon.rate() / 100));
-        int64_t n = 0;
-        const auto begin = std::chrono::steady_clock::now();
-        for (int64_t k = 0; feeding; ++k) {
-            for (auto& s : chunk) s = float(0.3 * std::sin(2 * M_PI * 440 * double(n++) / daemon.rate()));
-            if (::write(fd, chunk.data(), chunk.size() * sizeof(float)) < 0 && errno != EAGAIN) break;
-            std::this_thread::sleep_until(begin + std::chrono::milliseconds(10 * (k + 1)));
-        }
-        ::close(fd);
-    });
+    // Never blocks on the pipe once the recording has stopped reading it.
+    PipeFeeder feeder(daemon);
     TempDirectory temp;
     {
         auto rpc = startRpc({}, {{"ORVANE_PLATFORM", "linux"}, {"PULSE_SERVER", "unix:" + daemon.socket().string()}});
@@ -78,8 +65,6 @@ TEST(LinuxMicrophoneOverRpc, ListsAndRecordsTheServersMicrophone) {
         ASSERT_EQ(info["streams"].size(), 1u) << info.dump();
         EXPECT_NEAR(playedDuration(info), timeline, 1024.0 / daemon.rate()) << info.dump();
     }
-    feeding = false;
-    feeder.join();
 }
 
 }  // namespace

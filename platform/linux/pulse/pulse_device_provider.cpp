@@ -1,15 +1,19 @@
 #include "platform/linux/pulse/pulse_device_provider.h"
 
 #include <pulse/pulseaudio.h>
-#include <pulse/simple.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <tuple>
 #include <thread>
 
 #include "platform/av_audio_pcm_buffer.h"
 #include "platform/cm_clock.h"
+#include "platform/dispatch_queue.h"
+#include "platform/linux/pulse/pulse_record_stream.h"
 #include "platform/os_log.h"
 
 namespace ov::platform {
@@ -24,8 +28,21 @@ std::string property(pa_proplist* list, const char* key) {
     return value ? value : "";
 }
 
-// One short-lived connection: list the sources and go. Sources come and go
-// rarely; asking anew on each call keeps the list true without a subscription.
+PulseSourceInfo sourceInfoOf(const pa_source_info& info) {
+    PulseSourceInfo source;
+    source.name = info.name ? info.name : "";
+    source.description = info.description ? info.description : source.name;
+    source.driver = info.driver ? info.driver : "";
+    source.bus = property(info.proplist, "device.bus");
+    source.rate = info.sample_spec.rate;
+    source.channels = info.sample_spec.channels;
+    source.isMonitor = info.monitor_of_sink != PA_INVALID_INDEX;
+    source.isSuspended = info.state == PA_SOURCE_SUSPENDED;
+    return source;
+}
+
+// One short-lived connection: list the sources and go (no handler, so nobody
+// needs to hear of changes).
 struct SourceQuery {
     pa_threaded_mainloop* loop = nullptr;
     pa_context* context = nullptr;
@@ -51,16 +68,7 @@ struct SourceQuery {
             pa_threaded_mainloop_signal(self->loop, 0);
             return;
         }
-        PulseSourceInfo source;
-        source.name = info->name ? info->name : "";
-        source.description = info->description ? info->description : source.name;
-        source.driver = info->driver ? info->driver : "";
-        source.bus = property(info->proplist, "device.bus");
-        source.rate = info->sample_spec.rate;
-        source.channels = info->sample_spec.channels;
-        source.isMonitor = info->monitor_of_sink != PA_INVALID_INDEX;
-        source.isSuspended = info->state == PA_SOURCE_SUSPENDED;
-        self->sources.push_back(std::move(source));
+        self->sources.push_back(sourceInfoOf(*info));
     }
 };
 
@@ -104,74 +112,8 @@ std::vector<PulseSourceInfo> listPulseSources(std::string* unavailableReason) {
     return q.sources;
 }
 
+
 namespace {
-
-class PulseCaptureProducer final : public CaptureProducer {
-public:
-    PulseCaptureProducer(std::string source, AVAudioFormat format, CaptureProducerSink sink)
-        : source_(std::move(source)), format_(format), sink_(std::move(sink)) {
-        thread_ = std::thread([this] { run(); });
-    }
-    ~PulseCaptureProducer() override { stop(); }
-    void stop() override {
-        stopping_ = true;
-        if (thread_.joinable() && thread_.get_id() != std::this_thread::get_id()) thread_.join();
-    }
-
-private:
-    void run() {
-        const uint32_t rate = uint32_t(format_.sampleRate());
-        const uint32_t channels = format_.channelCount();
-        pa_sample_spec spec{PA_SAMPLE_FLOAT32LE, rate, uint8_t(channels)};
-        // About 20 ms per fragment, so that streaming to a host is live.
-        const uint32_t frames = std::max<uint32_t>(1, rate / 50);
-        pa_buffer_attr attr{};
-        attr.maxlength = uint32_t(-1);
-        attr.fragsize = frames * channels * sizeof(float);
-        int error = 0;
-        pa_simple* stream = pa_simple_new(nullptr, applicationName, PA_STREAM_RECORD, source_.c_str(), "Microphone",
-                                          &spec, nullptr, &attr, &error);
-        if (!stream) {
-            if (sink_.failed)
-                sink_.failed(std::make_exception_ptr(PlatformError(
-                    "Orvane.PulseAudio", error, "The microphone can't be opened: " + std::string(pa_strerror(error)),
-                    "pa_simple_new on " + source_ + ": " + pa_strerror(error))));
-            return;
-        }
-        std::vector<float> interleaved(size_t(frames) * channels);
-        std::optional<int64_t> firstFrameNanos;
-        int64_t framesDelivered = 0;
-        while (!stopping_) {
-            if (pa_simple_read(stream, interleaved.data(), interleaved.size() * sizeof(float), &error) < 0) {
-                if (!stopping_ && sink_.failed)
-                    sink_.failed(std::make_exception_ptr(PlatformError(
-                        "Orvane.PulseAudio", error, "The microphone stopped delivering.", pa_strerror(error))));
-                break;
-            }
-            if (!firstFrameNanos) {
-                // The buffer's last frame was captured the stream's latency ago.
-                const pa_usec_t latency = pa_simple_get_latency(stream, &error);
-                const int64_t now = int64_t(hostTimeNanosecondsNow());
-                firstFrameNanos = now - int64_t(latency) * 1000 - int64_t(frames) * 1'000'000'000 / rate;
-            }
-            auto pcm = AVAudioPCMBuffer::make(format_, frames);
-            pcm->setFrameLength(frames);
-            for (uint32_t c = 0; c < channels; ++c)
-                for (uint32_t i = 0; i < frames; ++i) pcm->floatChannelData()[c][i] = interleaved[size_t(i) * channels + c];
-            // Exact from the first buffer on: the start plus the frames so far.
-            const CMTime start = hostTimeFromNanoseconds(uint64_t(*firstFrameNanos)) + CMTime(framesDelivered, int32_t(rate));
-            framesDelivered += frames;
-            if (sink_.output) sink_.output(CMSampleBuffer::makeAudio(*pcm, start));
-        }
-        pa_simple_free(stream);
-    }
-
-    std::string source_;
-    AVAudioFormat format_;
-    CaptureProducerSink sink_;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
-};
 
 class PulseMicrophone final : public AVCaptureDevice {
 public:
@@ -187,11 +129,14 @@ public:
               {std::make_shared<AVCaptureDeviceFormat>(
                   AVAudioFormat::standard(info.rate, info.channels)->formatDescription())},
               0),
-          format_(*AVAudioFormat::standard(info.rate, info.channels)) {}
+          rate_(info.rate),
+          channels_(info.channels) {}
 
-    void update(const PulseSourceInfo& info, bool present) {
+    // Applies the server's view; called with no lock held, since observers of
+    // the device hear each change.
+    void update(bool present, bool suspended) {
         if (isConnected() != present) setConnected(present);
-        if (isSuspended() != info.isSuspended) setSuspended(info.isSuspended);
+        if (present && isSuspended() != suspended) setSuspended(suspended);
     }
     std::shared_ptr<const CMClock> synchronizationClock() const override { return nullptr; }
     std::unique_ptr<CaptureProducer> startProducing(const CaptureProducerRequest& request,
@@ -199,41 +144,266 @@ public:
         if (request.mediaType != AVMediaType::audio || !isConnected())
             throw PlatformError("Orvane.PulseAudio", 1, "The microphone is not available.",
                                 debugDescription() + " can't deliver this media");
-        return std::make_unique<PulseCaptureProducer>(uniqueID(), format_, std::move(sink));
+        PulseRecordStreamOptions options;
+        options.source = uniqueID();
+        options.sourceRate = rate_;
+        options.sourceChannels = channels_;
+        options.format = request.audioFormat.value_or(*AVAudioFormat::standard(rate_, channels_));
+        return std::make_unique<PulseRecordStream>(std::move(options), std::move(sink));
     }
 
 private:
-    AVAudioFormat format_;
+    uint32_t rate_, channels_;
 };
 
 }  // namespace
 
+// The long-lived connection of a watching provider, its device objects and
+// its handler. Server callbacks run on the main-loop thread; everything that
+// may call out (the handler, device observers) runs on the events queue.
+struct PulseDeviceProvider::Impl : std::enable_shared_from_this<Impl> {
+    enum class Status { idle, connecting, ready, down };
+
+    std::mutex mutex;  // known, handler, status fields below
+    std::map<std::string, AVCaptureDeviceRef> known;
+    std::map<std::string, bool> lastSeen;  // name -> suspended, as last told
+    std::function<void()> handler;
+    bool loggedUnavailable = false;
+
+    pa_threaded_mainloop* loop = nullptr;  // while watching
+    pa_context* context = nullptr;         // under the loop's lock
+    std::atomic<Status> status{Status::idle};
+    std::atomic<bool> stopping{false};
+    std::atomic<bool> refreshQueued{false};
+    std::chrono::milliseconds backoff{100};
+    std::unique_ptr<DispatchQueue> events;
+
+    OSLog& log() {
+        static OSLog instance(OSLog::defaultSubsystem, "PulseAudio");
+        return instance;
+    }
+
+    // ---- Device objects.
+
+    // Brings the device objects to the server's list; the microphones, and
+    // whether the list changed from what observers were last told (`told`:
+    // this answer is what they are told now).
+    std::pair<std::vector<AVCaptureDeviceRef>, bool> apply(const std::vector<PulseSourceInfo>& sources,
+                                                           bool told = true) {
+        std::vector<AVCaptureDeviceRef> out;
+        std::vector<std::tuple<AVCaptureDeviceRef, bool, bool>> updates;
+        bool changed = false;
+        {
+            std::lock_guard lock(mutex);
+            std::map<std::string, bool> seen;
+            for (const auto& source : sources) {
+                if (source.isMonitor) continue;
+                auto& device = known[source.name];
+                if (!device) device = std::make_shared<PulseMicrophone>(source);
+                seen[source.name] = source.isSuspended;
+                updates.emplace_back(device, true, source.isSuspended);
+                out.push_back(device);
+            }
+            for (auto& [name, device] : known)
+                if (!seen.count(name)) updates.emplace_back(device, false, false);
+            changed = seen != lastSeen;
+            if (told) lastSeen = std::move(seen);
+        }
+        for (auto& [device, present, suspended] : updates)
+            static_cast<PulseMicrophone&>(*device).update(present, suspended);
+        return {out, changed};
+    }
+
+    void notify() {
+        std::function<void()> h;
+        {
+            std::lock_guard lock(mutex);
+            h = handler;
+        }
+        if (h) h();
+    }
+
+    // ---- The watch.
+
+    void startWatching() {
+        loop = pa_threaded_mainloop_new();
+        events = std::make_unique<DispatchQueue>("PulseDeviceProvider.Events");
+        pa_threaded_mainloop_start(loop);
+        connect();
+    }
+
+    void stopWatching() {
+        stopping = true;
+        if (!loop) return;
+        // No context after this, so no callback can reach the events queue.
+        pa_threaded_mainloop_lock(loop);
+        dropContext();
+        pa_threaded_mainloop_unlock(loop);
+        events.reset();  // waits for a block in progress; drops pending reconnects
+        pa_threaded_mainloop_stop(loop);
+        pa_threaded_mainloop_free(loop);
+        loop = nullptr;
+    }
+
+    // Under the loop's lock.
+    void dropContext() {
+        if (!context) return;
+        pa_context_set_state_callback(context, nullptr, nullptr);
+        pa_context_set_subscribe_callback(context, nullptr, nullptr);
+        pa_context_disconnect(context);
+        pa_context_unref(context);
+        context = nullptr;
+    }
+
+    void connect() {
+        pa_threaded_mainloop_lock(loop);
+        if (stopping) return pa_threaded_mainloop_unlock(loop);
+        dropContext();
+        status = Status::connecting;
+        context = pa_context_new(pa_threaded_mainloop_get_api(loop), "Orvane");
+        pa_context_set_state_callback(context, &Impl::onContextState, this);
+        if (pa_context_connect(context, nullptr, PA_CONTEXT_NOAUTOSPAWN, nullptr) < 0) lost();
+        pa_threaded_mainloop_unlock(loop);
+    }
+
+    // Under the loop's lock: the server is gone or never came.
+    void lost() {
+        if (status == Status::down) return;
+        status = Status::down;
+        pa_threaded_mainloop_signal(loop, 0);
+        const auto delay = backoff;
+        backoff = std::min(backoff * 2, std::chrono::milliseconds(2000));
+        std::weak_ptr<Impl> weak = weak_from_this();
+        events->async([weak] {
+            if (auto self = weak.lock(); self && !self->stopping) {
+                if (self->apply({}).second) self->notify();
+            }
+        });
+        events->asyncAfter(delay, [weak] {
+            if (auto self = weak.lock(); self && !self->stopping) self->connect();
+        });
+    }
+
+    static void onContextState(pa_context* c, void* opaque) {
+        auto* self = static_cast<Impl*>(opaque);
+        switch (pa_context_get_state(c)) {
+            case PA_CONTEXT_READY: {
+                if (self->loggedUnavailable) {
+                    // A server appeared after an outage was logged; a later outage is logged again.
+                    self->loggedUnavailable = false;
+                    self->log().info("Connected to the sound server.");
+                }
+                self->status = Status::ready;
+                self->backoff = std::chrono::milliseconds(100);
+                pa_context_set_subscribe_callback(c, &Impl::onServerEvent, self);
+                if (auto* op = pa_context_subscribe(c, pa_subscription_mask_t(PA_SUBSCRIPTION_MASK_SOURCE), nullptr,
+                                                    nullptr))
+                    pa_operation_unref(op);
+                pa_threaded_mainloop_signal(self->loop, 0);
+                self->queueRefresh();
+                break;
+            }
+            case PA_CONTEXT_FAILED:
+            case PA_CONTEXT_TERMINATED:
+                if (!self->loggedUnavailable) {
+                    self->loggedUnavailable = true;
+                    self->log().info(std::string("No sound server: no microphones until one appears. ") +
+                                     pa_strerror(pa_context_errno(c)));
+                }
+                self->lost();
+                break;
+            default: break;
+        }
+    }
+
+    static void onServerEvent(pa_context*, pa_subscription_event_type_t type, uint32_t, void* opaque) {
+        if ((type & PA_SUBSCRIPTION_EVENT_FACILITY_MASK) == PA_SUBSCRIPTION_EVENT_SOURCE)
+            static_cast<Impl*>(opaque)->queueRefresh();
+    }
+
+    // Several events in a row make one refresh.
+    void queueRefresh() {
+        if (refreshQueued.exchange(true)) return;
+        std::weak_ptr<Impl> weak = weak_from_this();
+        events->async([weak] {
+            auto self = weak.lock();
+            if (!self || self->stopping) return;
+            self->refreshQueued = false;
+            bool ok = false;
+            auto sources = self->query(&ok);
+            if (ok && self->apply(sources).second) self->notify();
+        });
+    }
+
+    // The source list on the watch connection; never on the loop's thread.
+    std::vector<PulseSourceInfo> query(bool* ok) {
+        struct Query {
+            std::vector<PulseSourceInfo> sources;
+            static void onSource(pa_context*, const pa_source_info* info, int eol, void* opaque) {
+                if (!eol && info) static_cast<Query*>(opaque)->sources.push_back(sourceInfoOf(*info));
+            }
+        } q;
+        *ok = false;
+        pa_threaded_mainloop_lock(loop);
+        pa_operation* op = status == Status::ready && context
+                               ? pa_context_get_source_info_list(context, &Query::onSource, &q)
+                               : nullptr;
+        const auto deadline = std::chrono::steady_clock::now() + connectTimeout;
+        while (op && pa_operation_get_state(op) == PA_OPERATION_RUNNING &&
+               std::chrono::steady_clock::now() < deadline) {
+            pa_threaded_mainloop_unlock(loop);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+            pa_threaded_mainloop_lock(loop);
+        }
+        if (op) {
+            *ok = pa_operation_get_state(op) == PA_OPERATION_DONE;
+            // A server that stopped answering: the callback must not outlive q.
+            if (!*ok) pa_operation_cancel(op);
+            pa_operation_unref(op);
+        }
+        pa_threaded_mainloop_unlock(loop);
+        return q.sources;
+    }
+
+    std::vector<AVCaptureDeviceRef> devices() {
+        // The first connection is still being made: wait for its outcome.
+        const auto deadline = std::chrono::steady_clock::now() + connectTimeout;
+        while (status == Status::connecting && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        bool ok = false;
+        auto sources = query(&ok);
+        // Asked directly, the answer is the truth whether or not it changed.
+        return apply(ok ? sources : std::vector<PulseSourceInfo>{}, false).first;
+    }
+};
+
+PulseDeviceProvider::PulseDeviceProvider() : impl_(std::make_shared<Impl>()) {}
+
+PulseDeviceProvider::~PulseDeviceProvider() { impl_->stopWatching(); }
+
 std::vector<AVCaptureDeviceRef> PulseDeviceProvider::devices() const {
+    if (impl_->loop) return impl_->devices();
     std::string reason;
     const auto sources = listPulseSources(&reason);
-    std::vector<AVCaptureDeviceRef> out;
-    std::lock_guard lock(mutex_);
-    if (sources.empty() && !reason.empty() && !loggedUnavailable_) {
-        loggedUnavailable_ = true;
-        OSLog(OSLog::defaultSubsystem, "PulseAudio").info("No sound server: no microphones. " + reason);
+    if (sources.empty() && !reason.empty()) {
+        std::lock_guard lock(impl_->mutex);
+        if (!impl_->loggedUnavailable) {
+            impl_->loggedUnavailable = true;
+            impl_->log().info("No sound server: no microphones. " + reason);
+        }
     }
-    std::map<std::string, bool> present;
-    for (const auto& source : sources) {
-        if (source.isMonitor) continue;
-        auto& device = known_[source.name];
-        if (!device) device = std::make_shared<PulseMicrophone>(source);
-        static_cast<PulseMicrophone&>(*device).update(source, true);
-        present[source.name] = true;
-        out.push_back(device);
-    }
-    for (auto& [name, device] : known_)
-        if (!present.count(name)) static_cast<PulseMicrophone&>(*device).update(PulseSourceInfo{}, false);
-    return out;
+    return impl_->apply(sources, false).first;
 }
 
 void PulseDeviceProvider::setDevicesChangedHandler(std::function<void()> handler) {
-    std::lock_guard lock(mutex_);
-    changed_ = std::move(handler);
+    const bool watch = bool(handler);
+    {
+        std::lock_guard lock(impl_->mutex);
+        impl_->handler = std::move(handler);
+    }
+    // Watching begins with the first handler and lasts for the provider's life:
+    // a handler set again later finds the list current.
+    if (watch && !impl_->loop && !impl_->stopping) impl_->startWatching();
 }
 
 }  // namespace ov::platform

@@ -4,14 +4,18 @@
 // A microphone's id is its source name; monitors of outputs are not
 // microphones.
 //
-// Samples are float32 at the source's rate and channel count, delivered in
-// fragments of about 20 ms, stamped on the host clock: the first buffer's time
-// is its arrival less the stream's reported latency, and each later buffer
-// starts exactly where the one before ended, so times advance by frame counts.
+// While a devices-changed handler is set, the provider keeps one connection to
+// the server and subscribes to its source events: the handler hears a source
+// come, go or change its suspended state as the server tells it (well within a
+// second). Without a server the list is empty; the provider then reconnects
+// with a growing back-off (0.1 s doubling to 2 s), and the handler hears the
+// sources when a server appears. Without a handler, devices() asks the server
+// on a short-lived connection.
+//
+// Capture is a PulseRecordStream (pulse_record_stream.h): the requested PCM
+// format, in 20 ms chunks, stamped on the host clock.
 #include <functional>
-#include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -37,16 +41,16 @@ std::vector<PulseSourceInfo> listPulseSources(std::string* unavailableReason = n
 // The sound server's sources as microphones.
 class PulseDeviceProvider final : public CaptureDeviceProvider {
 public:
+    PulseDeviceProvider();
+    ~PulseDeviceProvider() override;
     std::string apiName() const override { return "pulse"; }
-    // The server's microphones, asked anew on every call.
     std::vector<AVCaptureDeviceRef> devices() const override;
     void setDevicesChangedHandler(std::function<void()> handler) override;
 
+    struct Impl;
+
 private:
-    mutable std::mutex mutex_;
-    mutable std::map<std::string, AVCaptureDeviceRef> known_;
-    mutable bool loggedUnavailable_ = false;
-    std::function<void()> changed_;
+    std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace ov::platform
