@@ -15,6 +15,9 @@ packages=(
   libavformat-dev libavcodec-dev libavutil-dev libswscale-dev libswresample-dev ffmpeg
   # microphones on linux; the tests run a private sound server
   libpulse-dev pulseaudio pulseaudio-utils
+  # input events and the cursor on X11; the backend tests run a private X server
+  libxcb1-dev libxcb-record0-dev libxcb-xfixes0-dev libxcb-xkb-dev libxcb-xtest0-dev libxkbcommon-dev
+  libxkbcommon-x11-dev xvfb openbox xdotool xterm x11-xserver-utils dmz-cursor-theme
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
 )
