@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "platform/av_capture_device.h"
+#include "platform/capture/input_provider.h"
 #include "platform/key_value_observing.h"
 #include "foundation/platform_error.h"
 #include "platform/sc_shareable_content.h"
@@ -105,6 +106,11 @@ public:
     // Returns when done; bounded in time even when the service doesn't answer.
     // By default nothing to restart.
     virtual void restartShareableContentService() {}
+
+    // ---- Input events and the cursor.
+    // The backend's global input feed and cursor. Throws a PlatformError when
+    // this backend can't offer them.
+    virtual std::shared_ptr<InputCaptureProvider> inputProvider() const;
 
     // ---- The process's backend.
     // The chosen backend. Throws the PlatformError of a bad choice.

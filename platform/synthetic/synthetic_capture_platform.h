@@ -72,6 +72,9 @@ public:
     // Counts the call and ends every request hanging until a restart.
     void restartShareableContentService() override;
 
+    // The generated mouse, keyboard and cursor (synthetic_input.h); one per platform.
+    std::shared_ptr<InputCaptureProvider> inputProvider() const override;
+
     // ---- Controls for tests.
     // The device with this id, connected or not; null for an unknown id.
     std::shared_ptr<SyntheticCaptureDevice> syntheticDevice(const std::string& uniqueID) const;
@@ -108,6 +111,7 @@ private:
     SyntheticAuthorization authorization_;
     std::shared_ptr<State> state_;
     std::vector<std::shared_ptr<SyntheticCaptureDevice>> devices_;
+    std::shared_ptr<InputCaptureProvider> input_;
 };
 
 class SyntheticCaptureDevice final : public AVCaptureDevice {
