@@ -127,7 +127,8 @@ TEST(RecordingRectTimelines, OneTimelinePerItemSharedByWhoeverAsks) {
     EXPECT_EQ(screen, input);
     EXPECT_NE(screen, timelines.forItem("other", Logger("Test")));
     screen->capture(at(5), platform::CGRect{{10, 20}, {100, 50}});
-    EXPECT_EQ(input->recordingRect(at(6)).kind, RecordingRectTimeline::QueryResult::Kind::found);
+    EXPECT_EQ(input->recordingRect(at(5)).kind, RecordingRectTimeline::QueryResult::Kind::found);
+    EXPECT_EQ(input->recordingRect(at(5)).observation->rect, (platform::CGRect{{10, 20}, {100, 50}}));
 }
 
 }  // namespace

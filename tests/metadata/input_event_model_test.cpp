@@ -220,7 +220,7 @@ TEST(X11Pointer, ButtonsAndMotion) {
 TEST(X11Time, ServerMillisecondsToHostNanoseconds) {
     using platform::x11::ServerTimeMapper;
     // Same clock: the server's time is our CLOCK_MONOTONIC in ms, mod 2^32.
-    const uint64_t host = 5'000'123'456'789ull;  // ms = 5'000'123'456
+    const uint64_t host = 5'000'123'456ull * 1'000'000 + 789;  // ms = 5'000'123'456, past 2^32
     const auto serverNow = static_cast<uint32_t>(5'000'123'456ull);
     ServerTimeMapper same(serverNow, host);
     EXPECT_TRUE(same.isSameClock());

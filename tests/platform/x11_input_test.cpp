@@ -124,7 +124,9 @@ TEST_F(X11Input, MotionHasExactRootPositionsAndHostTimes) {
     ASSERT_EQ(events.size(), 200u);
     for (size_t i = 0; i < events.size(); ++i) {
         EXPECT_EQ(events[i].location.x, 108 + static_cast<double>(i));
-        if (i > 0) EXPECT_GE(events[i].timestamp, events[i - 1].timestamp);
+        if (i > 0) {
+            EXPECT_GE(events[i].timestamp, events[i - 1].timestamp);
+        }
     }
     feed->stop();
 }
