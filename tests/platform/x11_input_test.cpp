@@ -210,12 +210,18 @@ TEST_F(X11Input, KeysRepeatsAndAGrabOfAnotherClient) {
     // documented for users: lock screens don't hide their passwords from it).
     xcb_connection_t* grabber = xcb_connect(server_->display().c_str(), nullptr);
     const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(grabber)).data->root;
-    auto* grab = xcb_grab_keyboard_reply(
-        grabber, xcb_grab_keyboard(grabber, 1, root, XCB_CURRENT_TIME, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
-        nullptr);
-    ASSERT_TRUE(grab);
-    EXPECT_EQ(grab->status, XCB_GRAB_STATUS_SUCCESS);
-    free(grab);
+    // The window manager may hold the keyboard for a moment: ask until it's ours.
+    ASSERT_TRUE(testing::eventually(
+        [&] {
+            auto* grab = xcb_grab_keyboard_reply(
+                grabber,
+                xcb_grab_keyboard(grabber, 1, root, XCB_CURRENT_TIME, XCB_GRAB_MODE_ASYNC, XCB_GRAB_MODE_ASYNC),
+                nullptr);
+            const bool ours = grab && grab->status == XCB_GRAB_STATUS_SUCCESS;
+            free(grab);
+            return ours;
+        },
+        kDeadline));
     ASSERT_EQ(xdotool("key c"), 0);
     EXPECT_EQ(got.waitFor(2).size(), 2u);
     xcb_disconnect(grabber);
