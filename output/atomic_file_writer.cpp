@@ -25,7 +25,7 @@ std::filesystem::path AtomicFileWriter::intermediateFileFor(const std::filesyste
     return intermediate;
 }
 
-AtomicFileWriter::AtomicFileWriter(const std::filesystem::path& forWritingTo)
+AtomicFileWriter::AtomicFileWriter(const std::filesystem::path& forWritingTo, unsigned mode)
     : hotFile_(hotFileFor(forWritingTo)),
       intermediateFile_(intermediateFileFor(forWritingTo)),
       targetFile_(forWritingTo),
@@ -34,7 +34,7 @@ AtomicFileWriter::AtomicFileWriter(const std::filesystem::path& forWritingTo)
         if (platform::FileManager::fileExists(*path)) throwFileOperationFailed("File already exists at " + path->string());
     }
     try {
-        fileHandle_ = platform::FileHandle::createNew(hotFile_);
+        fileHandle_ = platform::FileHandle::createNew(hotFile_, mode);
     } catch (const platform::PlatformError&) {
         throwFileOperationFailed("Unable to create file " + hotFile_.string());
     }

@@ -21,7 +21,9 @@ class AtomicFileWriter {
 public:
     // Fails with OVError fileOperationFailed when the hot, intermediate or
     // target file exists already, or when the hot file can't be created.
-    explicit AtomicFileWriter(const std::filesystem::path& forWritingTo);
+    // `mode` is the permission of all three files (before the umask): 0600 for
+    // files that only the user may read.
+    explicit AtomicFileWriter(const std::filesystem::path& forWritingTo, unsigned mode = 0644);
     AtomicFileWriter(AtomicFileWriter&&) noexcept = default;
     AtomicFileWriter& operator=(AtomicFileWriter&&) noexcept = default;
 

@@ -4,10 +4,11 @@
 
 namespace ov {
 
-StreamingJSONWriter::StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, const Logger& logger)
+StreamingJSONWriter::StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, const Logger& logger,
+                                         unsigned mode)
     : logger_(logger.with("StreamingJSONWriter")),
       fileUrl_(std::move(fileUrl)),
-      fileWriter_(fileUrl_),
+      fileWriter_(fileUrl_, mode),
       commitTask_(queue_, std::chrono::nanoseconds(static_cast<int64_t>(commitInterval * 1e9)),
                   [this] { commitFromTimer(); }) {
     queue_.sync([this] {

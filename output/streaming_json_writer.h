@@ -29,7 +29,9 @@ public:
     // Creates the file as an empty array and commits it at once; a commit
     // follows every `commitInterval` seconds while anything changed. Fails
     // when the file writer can't be made or the first commit fails.
-    StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, const Logger& logger);
+    // `mode`: the file's permissions (see AtomicFileWriter).
+    StreamingJSONWriter(std::filesystem::path fileUrl, double commitInterval, const Logger& logger,
+                        unsigned mode = 0644);
     ~StreamingJSONWriter() override;
     StreamingJSONWriter(const StreamingJSONWriter&) = delete;
     StreamingJSONWriter& operator=(const StreamingJSONWriter&) = delete;

@@ -95,6 +95,10 @@ PlatformError CapturePlatform::notAvailableError(const std::string& what, const 
                          what + " through the " + platformName + " capture backend is not available on this build");
 }
 
+std::shared_ptr<InputCaptureProvider> CapturePlatform::inputProvider() const {
+    throw notAvailableError("Input event recording", name());
+}
+
 std::shared_ptr<CapturePlatform> CapturePlatform::makeFromEnvironment() {
     const char* chosen = std::getenv("ORVANE_PLATFORM");
     const std::string name = chosen && *chosen ? chosen : "linux";

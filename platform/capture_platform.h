@@ -27,6 +27,7 @@
 
 #include "platform/av_capture_device.h"
 #include "platform/cg_window_list.h"
+#include "platform/capture/input_provider.h"
 #include "platform/key_value_observing.h"
 #include "foundation/platform_error.h"
 #include "platform/sc_shareable_content.h"
@@ -126,6 +127,10 @@ public:
     KeyValueObservation observeDisplayReconfigurations(std::function<void(const std::string& key)> callback) {
         return displayObservers_.observe({"displays"}, std::move(callback));
     }
+    // ---- Input events and the cursor.
+    // The backend's global input feed and cursor. Throws a PlatformError when
+    // this backend can't offer them.
+    virtual std::shared_ptr<InputCaptureProvider> inputProvider() const;
 
     // ---- The process's backend.
     // The chosen backend. Throws the PlatformError of a bad choice.

@@ -25,7 +25,8 @@ public:
 
     // Creates a new, empty file open for reading and writing; fails when
     // anything exists at the path.
-    static FileHandle createNew(const std::filesystem::path& path);
+    // Fails when the file exists. `mode` before the umask.
+    static FileHandle createNew(const std::filesystem::path& path, unsigned mode = 0644);
     static FileHandle openForReading(const std::filesystem::path& path);
 
     bool isOpen() const { return fd_ >= 0; }

@@ -73,7 +73,12 @@ bool FileManager::fileExists(const std::filesystem::path& path) {
 
 void FileManager::copyItem(const FileHandle& source, const std::filesystem::path& destination) {
     const uint64_t size = source.size();
-    const int to = ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    // The copy keeps the source's permissions: a private file stays private
+    // through the intermediate file to its target.
+    mode_t mode = 0644;
+    struct stat st {};
+    if (::fstat(source.fileDescriptor(), &st) == 0) mode = st.st_mode & 07777;
+    const int to = ::open(destination.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
     if (to < 0) throw PlatformError::posix(errno, "open " + destination.string());
     FileHandle out(to);
     try {

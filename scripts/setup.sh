@@ -21,6 +21,9 @@ packages=(
   libxcb1-dev libxcb-shm0-dev libxcb-damage0-dev libxcb-xfixes0-dev libxcb-randr0-dev libxcb-composite0-dev
   libxcb-render0-dev libxcb-res0-dev libyuv-dev
   xvfb openbox xdotool x11-apps x11-xserver-utils
+  # input events and the cursor on X11; the backend tests start an xterm under a cursor theme
+  libxcb-record0-dev libxcb-xkb-dev libxcb-xtest0-dev libxkbcommon-dev libxkbcommon-x11-dev
+  xterm dmz-cursor-theme
   # tests and benchmarks
   libgtest-dev libgmock-dev libbenchmark-dev python3
   # the Node client's playback test plays recordings in a real browser

@@ -12,6 +12,7 @@
 #include "session/output_description.h"
 #include "session/recorder.h"
 #include "session/schema_items.h"
+#include "timing/recording_rect_timeline.h"
 
 namespace ov {
 
@@ -27,6 +28,9 @@ struct RecorderAssemblyContext {
     std::optional<double> keyframeIntervalDuration;
     Logger logger{"Conductor"};
     AbortFunction onAbort;
+    // Shared by every copy: an item's screen recorder and input recorder meet
+    // at its entry.
+    std::shared_ptr<RecordingRectTimelines> recordingRectTimelines = std::make_shared<RecordingRectTimelines>();
 };
 
 // The file name an item's output takes when its options name none.

@@ -64,4 +64,11 @@ std::vector<RecordingRectTimeline::Observation> RecordingRectTimeline::timeline(
     return timeline_;
 }
 
+std::shared_ptr<RecordingRectTimeline> RecordingRectTimelines::forItem(const std::string& itemID, const Logger& logger) {
+    std::lock_guard lock(mutex_);
+    auto& timeline = timelines_[itemID];
+    if (!timeline) timeline = std::make_shared<RecordingRectTimeline>(logger);
+    return timeline;
+}
+
 }  // namespace ov

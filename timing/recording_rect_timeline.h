@@ -9,6 +9,9 @@
 // reads it.
 
 #include <cstddef>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <shared_mutex>
 #include <string>
@@ -59,6 +62,19 @@ private:
     std::vector<Observation> timeline_;
     platform::CMTime lastCaptureCall_ = platform::kCMTimeNegativeInfinity;
     PrepareRingBufferAdapter<std::monostate> prepareAdapter_;
+};
+
+// The rectangle timelines of one recording, one per schema item: the screen
+// recorder of an item feeds the timeline that the item's input recorder
+// reads, though neither recorder folder sees the other. Whichever asks first
+// makes it.
+class RecordingRectTimelines {
+public:
+    std::shared_ptr<RecordingRectTimeline> forItem(const std::string& itemID, const Logger& logger);
+
+private:
+    std::mutex mutex_;
+    std::map<std::string, std::shared_ptr<RecordingRectTimeline>> timelines_;
 };
 
 }  // namespace ov

@@ -198,7 +198,8 @@ ScreenRecorder::ScreenRecorder(std::string id, OutputDescription outputDescripti
                                bool showsCursor, RecordMode mode, int audioSegmentDuration, int videoSegmentDuration,
                                std::optional<double> keyframeIntervalDuration,
                                std::shared_ptr<StableRecordingTimeline> recordingTimeline, bool useTimeline,
-                               const Logger& logger, AbortFunction onAbort)
+                               const Logger& logger, AbortFunction onAbort,
+                               std::shared_ptr<RecordingRectTimeline> recordingRectTimeline)
     : id_(std::move(id)),
       logger_(logger.with("ScreenRecorder", id_)),
       recordingTimeline_(std::move(recordingTimeline)),
@@ -347,6 +348,7 @@ ScreenRecorder::ScreenRecorder(std::string id, OutputDescription outputDescripti
         if (onAbort) onAbort(AbortSignal::create(error, low, logger));
     };
     coordinator_ = StreamCoordinator::make(std::move(settings), contentRect);
+    if (recordingRectTimeline) coordinator_->recordingRectTimeline = std::move(recordingRectTimeline);
 
     logger_.info("Creating SCStream");
     const auto mainFilter = createFilter_();

@@ -93,6 +93,8 @@ public:
     static double displayScale(uint32_t displayID, const Logger& logger);
 
     // Everything short of starting capture; throws OVError as each step fails.
+    // Frames' rectangles go into `recordingRectTimeline` (the item's shared
+    // one), or into a timeline of the recorder's own when none is given.
     ScreenRecorder(std::string id, OutputDescription outputDescription, FilterFunction filter,
                    FilterFunction audioFilter, std::set<ScreenRecordingExcludeOptions> excludeOptions,
                    platform::CGRect contentRect, double pointPixelScale, std::optional<platform::CGRect> cropRect,
@@ -100,7 +102,7 @@ public:
                    bool captureAudio, bool showsCursor, RecordMode mode, int audioSegmentDuration,
                    int videoSegmentDuration, std::optional<double> keyframeIntervalDuration,
                    std::shared_ptr<StableRecordingTimeline> recordingTimeline, bool useTimeline, const Logger& logger,
-                   AbortFunction onAbort);
+                   AbortFunction onAbort, std::shared_ptr<RecordingRectTimeline> recordingRectTimeline = nullptr);
     ~ScreenRecorder() override;
 
     std::string id() const override { return id_; }

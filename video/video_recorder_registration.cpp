@@ -1,6 +1,5 @@
 // The video folder's recorders, made known to the session's assembly: the
 // screen items (a display, a window on its own, a window's area of its display).
-#include "foundation/ov_error.h"
 #include "session/recorder_assembly.h"
 #include "session/recorder_registry.h"
 #include "timing/stable_recording_timeline.h"
@@ -13,51 +12,22 @@ namespace {
 using platform::CGRect;
 using platform::CMTime;
 
-// Input events of a screen item need the input recorder, which this build
-// doesn't have: the item fails at prepare and names what it asked for, rather
-// than recording without them.
-class UnsupportedInputEventsRecorder final : public Recorder {
-public:
-    UnsupportedInputEventsRecorder(std::string id, std::string kind, bool mouse, bool keyboard, Logger logger)
-        : id_(std::move(id)), kind_(std::move(kind)), logger_(std::move(logger)) {
-        if (mouse) asked_ = "mouse_events";
-        if (keyboard) asked_ += std::string(asked_.empty() ? "" : " and ") + "keyboard_events";
-    }
-    std::string id() const override { return id_; }
-    std::vector<OVBundleInfo::FileAsset> prepare() override {
-        logger_.error("Input events are not supported on this system.", [&] { return LogMetadata{{"asked", asked_}}; });
-        throw OVError(OVError::Code::configurationNotSupported,
-                      "Recording " + asked_ + " of a " + kind_ + " item is not supported by this build (item " + id_ + ").",
-                      "Recording " + asked_ + " is not supported yet.");
-    }
-    std::vector<OVBundleInfo::FileAsset> finish() override { return {}; }
-
-private:
-    std::string id_;
-    std::string kind_;
-    std::string asked_;
-    Logger logger_;
-};
-
 CMTime frameInterval(FrameInterval interval) { return CMTime(interval.count(), 1'000'000'000); }
 
 std::shared_ptr<StableRecordingTimeline> timelineFor(const RecorderAssemblyContext& context) {
     return std::make_shared<StableRecordingTimeline>(*context.recordingTimeline);
 }
 
-template <class Item>
-std::optional<std::vector<std::shared_ptr<Recorder>>> refuseInputEvents(const Item& item, const std::string& kind,
-                                                                        const RecorderAssemblyContext& context) {
-    if (!item.mouseEvents && !item.keyboardEvents) return std::nullopt;
-    return std::vector<std::shared_ptr<Recorder>>{std::make_shared<UnsupportedInputEventsRecorder>(
-        item.id, kind, item.mouseEvents, item.keyboardEvents, context.logger.with("ScreenRecorder", item.id))};
+// The item's rectangle timeline, which its input recorder reads.
+std::shared_ptr<RecordingRectTimeline> rectTimelineFor(const std::string& itemID, const RecorderAssemblyContext& context,
+                                                       const Logger& logger) {
+    return context.recordingRectTimelines ? context.recordingRectTimelines->forItem(itemID, logger) : nullptr;
 }
 
 }  // namespace
 
 std::vector<std::shared_ptr<Recorder>> makeScreenRecorders(const DisplaySchemaItem& item,
                                                            const RecorderAssemblyContext& context) {
-    if (auto refused = refuseInputEvents(item, "display", context)) return *refused;
     const Logger logger = context.logger.with("ScreenRecorder", item.id);
     const auto output = outputDescription(item.outputOptions, context.bundleURL, fallbackFilename(InternalSchemaItem(item)));
     const auto found = ScreenRecorder::createDisplayFilter(item.displayID, item.excludeOptions, item.crop, logger);
@@ -73,12 +43,11 @@ std::vector<std::shared_ptr<Recorder>> makeScreenRecorders(const DisplaySchemaIt
         ScreenRecorder::displayScale(displayID, logger), found.crop, frameInterval(item.minimumFrameInterval),
         item.maxVideoDimensions, item.captureAudio, item.showsCursor, mode, context.audioSegmentDuration,
         context.videoSegmentDuration, context.keyframeIntervalDuration, timelineFor(context), context.useTimeline,
-        context.logger, context.onAbort)};
+        context.logger, context.onAbort, rectTimelineFor(item.id, context, logger))};
 }
 
 std::vector<std::shared_ptr<Recorder>> makeScreenRecorders(const DesktopIndependentWindowSchemaItem& item,
                                                            const RecorderAssemblyContext& context) {
-    if (auto refused = refuseInputEvents(item, "window", context)) return *refused;
     const Logger logger = context.logger.with("ScreenRecorder", item.id);
     const auto output = outputDescription(item.outputOptions, context.bundleURL, fallbackFilename(InternalSchemaItem(item)));
     const auto found = ScreenRecorder::createDesktopIndependentWindowFilter(item.windowID, logger);
@@ -92,12 +61,12 @@ std::vector<std::shared_ptr<Recorder>> makeScreenRecorders(const DesktopIndepend
         ScreenRecorder::displayScale(found.display.displayID, logger), std::nullopt,
         frameInterval(item.minimumFrameInterval), item.maxVideoDimensions, item.captureAudio, item.showsCursor, mode,
         context.audioSegmentDuration, context.videoSegmentDuration, context.keyframeIntervalDuration,
-        timelineFor(context), context.useTimeline, context.logger, context.onAbort)};
+        timelineFor(context), context.useTimeline, context.logger, context.onAbort,
+        rectTimelineFor(item.id, context, logger))};
 }
 
 std::vector<std::shared_ptr<Recorder>> makeScreenRecorders(const WindowBasedCropSchemaItem& item,
                                                            const RecorderAssemblyContext& context) {
-    if (auto refused = refuseInputEvents(item, "window crop", context)) return *refused;
     const Logger logger = context.logger.with("ScreenRecorder", item.id);
     const auto output = outputDescription(item.outputOptions, context.bundleURL, fallbackFilename(InternalSchemaItem(item)));
     const auto found = ScreenRecorder::createWindowBasedCropFilter(item.windowID, logger);
@@ -110,7 +79,8 @@ std::vector<std::shared_ptr<Recorder>> makeScreenRecorders(const WindowBasedCrop
         ScreenRecorder::displayScale(found.display.displayID, logger), found.crop,
         frameInterval(item.minimumFrameInterval), item.maxVideoDimensions, item.captureAudio, item.showsCursor, mode,
         context.audioSegmentDuration, context.videoSegmentDuration, context.keyframeIntervalDuration,
-        timelineFor(context), context.useTimeline, context.logger, context.onAbort)};
+        timelineFor(context), context.useTimeline, context.logger, context.onAbort,
+        rectTimelineFor(item.id, context, logger))};
 }
 
 namespace {

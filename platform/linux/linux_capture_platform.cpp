@@ -15,6 +15,7 @@ struct Probes {
     std::mutex mutex;
     std::vector<std::pair<std::string, LinuxCapturePlatform::DeviceProbe>> devices;
     std::vector<std::pair<std::string, LinuxCapturePlatform::ScreenProbe>> screens;
+    std::vector<std::pair<std::string, LinuxCapturePlatform::InputProbe>> inputs;
 };
 
 Probes& probes() {
@@ -52,6 +53,23 @@ bool LinuxCapturePlatform::registerScreenProbe(std::string api, ScreenProbe prob
     std::lock_guard lock(probes().mutex);
     probes().screens.emplace_back(std::move(api), std::move(probe));
     return true;
+}
+
+bool LinuxCapturePlatform::registerInputProbe(std::string api, InputProbe probe) {
+    std::lock_guard lock(probes().mutex);
+    probes().inputs.emplace_back(std::move(api), std::move(probe));
+    return true;
+}
+
+std::shared_ptr<InputCaptureProvider> LinuxCapturePlatform::inputProvider() const {
+    std::vector<std::pair<std::string, InputProbe>> inputProbes;
+    {
+        std::lock_guard lock(probes().mutex);
+        inputProbes = probes().inputs;
+    }
+    for (const auto& [api, probe] : inputProbes)
+        if (auto provider = probe()) return provider;
+    return CapturePlatform::inputProvider();
 }
 
 LinuxCapturePlatform::Providers LinuxCapturePlatform::makeProviders() {

@@ -51,6 +51,9 @@ public:
     std::vector<CGWindowEntry> windowList(CGWindowListOption option) const override;
     std::vector<RunningApplicationInfo> runningApplications() const override;
     std::optional<bool> isPortableChassis() const override { return dmiChassisIsPortable(); }
+    // The first input API that answers, asked anew on each call so that a
+    // display server started later is found.
+    std::shared_ptr<InputCaptureProvider> inputProvider() const override;
 
     // The providers this machine offers. Each API registers a probe below;
     // a probe that throws or returns null leaves its API out, with a log line.
@@ -66,6 +69,9 @@ public:
     using ScreenProbe = std::function<std::shared_ptr<ScreenCaptureProvider>()>;
     static bool registerDeviceProbe(std::string api, DeviceProbe probe);
     static bool registerScreenProbe(std::string api, ScreenProbe probe);
+    // Input probes are run when a recording asks for input, not at start.
+    using InputProbe = std::function<std::shared_ptr<InputCaptureProvider>()>;
+    static bool registerInputProbe(std::string api, InputProbe probe);
 
 private:
     std::vector<std::shared_ptr<CaptureDeviceProvider>> deviceProviders_;

@@ -1,4 +1,5 @@
 #include "platform/synthetic/synthetic_capture_platform.h"
+#include "platform/synthetic/synthetic_input.h"
 
 #include <algorithm>
 #include <chrono>
@@ -219,6 +220,10 @@ SyntheticCapturePlatform::SyntheticCapturePlatform(SyntheticWorld world)
     authorization_ = world_.authorization;
     state_->notifyDevices = [this] { notifyDevicesChanged(); };
     for (const auto& model : world_.devices) devices_.push_back(std::make_shared<SyntheticCaptureDevice>(model, state_));
+    CGRect main{{0, 0}, {1920, 1080}};
+    for (const auto& display : world_.displays)
+        if (display.isMain) main = display.frame;
+    input_ = std::make_shared<SyntheticInputProvider>(world_.input, main);
 }
 
 SyntheticCapturePlatform::~SyntheticCapturePlatform() {

@@ -78,6 +78,9 @@ public:
     std::vector<CGWindowEntry> windowList(CGWindowListOption option) const override;
     std::vector<RunningApplicationInfo> runningApplications() const override;
 
+    // The generated mouse, keyboard and cursor (synthetic_input.h); one per platform.
+    std::shared_ptr<InputCaptureProvider> inputProvider() const override;
+
     // ---- Controls for tests.
     // The device with this id, connected or not; null for an unknown id.
     std::shared_ptr<SyntheticCaptureDevice> syntheticDevice(const std::string& uniqueID) const;
@@ -133,6 +136,7 @@ private:
     SyntheticAuthorization authorization_;
     std::shared_ptr<State> state_;
     std::vector<std::shared_ptr<SyntheticCaptureDevice>> devices_;
+    std::shared_ptr<InputCaptureProvider> input_;
 };
 
 class SyntheticCaptureDevice final : public AVCaptureDevice {

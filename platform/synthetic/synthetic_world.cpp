@@ -350,7 +350,7 @@ SyntheticWorld SyntheticWorld::decode(const coding::Json& json) {
     const Decoder root(json);
     requireKnownKeys(root, "SyntheticWorld",
                      {"displays", "applications", "windows", "cameras", "microphones", "phones", "systemAudio",
-                      "authorization", "machineModel"});
+                      "authorization", "machineModel", "input"});
     SyntheticWorld world;
     world.machineModel = root.decodeIfPresent<std::string>("machineModel");
     auto eachOf = [&](std::string_view key, std::string_view typeName, auto&& body) {
@@ -444,6 +444,41 @@ SyntheticWorld SyntheticWorld::decode(const coding::Json& json) {
             else
                 systemAudio->throwDataCorrupted("Unknown system audio status \"" + text +
                                                 "\"; expected authorized, denied or undetermined");
+        }
+    }
+
+    if (auto input = root.ifPresent("input")) {
+        requireKnownKeys(*input, "Input", {"cursor", "events", "tapFails"});
+        if (auto cursor = input->ifPresent("cursor")) {
+            requireKnownKeys(*cursor, "Cursor", {"name", "x", "y"});
+            world.input.cursorName = decodeOr<std::string>(*cursor, "name", world.input.cursorName);
+            if (cursor->contains("x") || cursor->contains("y"))
+                world.input.cursorLocation = CGPoint{cursor->decode<double>("x"), cursor->decode<double>("y")};
+        }
+        world.input.tapFails = decodeOr<bool>(*input, "tapFails", false);
+        if (auto events = input->ifPresent("events")) {
+            events->requireArray("Array<InputEvent>");
+            for (size_t i = 0; i < events->count(); ++i) {
+                const Decoder e = events->at(i);
+                requireKnownKeys(e, "InputEvent", {"after", "kind", "x", "y", "button", "keysym", "name"});
+                SyntheticInputEvent event;
+                event.after = e.decode<double>("after");
+                if (!(event.after >= 0)) e["after"].throwDataCorrupted("after must be 0 or more");
+                static const std::map<std::string, SyntheticInputEvent::Kind> kinds{
+                    {"move", SyntheticInputEvent::Kind::move},       {"buttonDown", SyntheticInputEvent::Kind::buttonDown},
+                    {"buttonUp", SyntheticInputEvent::Kind::buttonUp}, {"keyDown", SyntheticInputEvent::Kind::keyDown},
+                    {"keyUp", SyntheticInputEvent::Kind::keyUp},     {"cursor", SyntheticInputEvent::Kind::cursor}};
+                const auto kind = e.decode<std::string>("kind");
+                auto found = kinds.find(kind);
+                if (found == kinds.end()) e["kind"].throwDataCorrupted("Unknown input event kind " + kind);
+                event.kind = found->second;
+                event.x = decodeOr<double>(e, "x", 0);
+                event.y = decodeOr<double>(e, "y", 0);
+                event.button = decodeOr<int32_t>(e, "button", 1);
+                event.keysym = decodeOr<std::string>(e, "keysym", "");
+                event.name = decodeOr<std::string>(e, "name", "");
+                world.input.events.push_back(std::move(event));
+            }
         }
     }
 

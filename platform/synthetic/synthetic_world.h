@@ -35,6 +35,15 @@
 //                       "grantsRequests": true}        what a request of a notDetermined
 //                                                      camera or microphone answers
 //                                      statuses: notDetermined, restricted, denied, authorized
+//     "input": {
+//       "cursor": {"name": "left_ptr", "x": 960, "y": 540},   default: arrow at the main display's centre
+//       "events": [{"after": 0.5, "kind": "move" | "buttonDown" | "buttonUp" | "keyDown" | "keyUp" | "cursor",
+//                   "x": 10, "y": 20,      move (global points)
+//                   "button": 1,           buttonDown/Up: X numbering, 1 left, 2 middle, 3 right, 8, 9 ...
+//                   "keysym": "a",         keyDown/Up: an X keysym name ("a", "A", "Escape", "Shift_L")
+//                   "name": "xterm"}],     cursor: a theme cursor name; "" for an unnamed cursor
+//       "tapFails": false               the input feed can't be created
+//     }
 //   }
 //
 //   DEVICE = {
@@ -201,6 +210,26 @@ struct SyntheticAuthorization {
     bool grantsRequests = true;
 };
 
+struct SyntheticInputEvent {
+    enum class Kind { move, buttonDown, buttonUp, keyDown, keyUp, cursor };
+    // Seconds after the feed starts.
+    double after = 0;
+    Kind kind = Kind::move;
+    double x = 0;
+    double y = 0;
+    int button = 1;
+    std::string keysym;
+    std::string name;
+};
+
+struct SyntheticInput {
+    std::string cursorName = "left_ptr";
+    // Absent: the centre of the main display.
+    std::optional<CGPoint> cursorLocation;
+    std::vector<SyntheticInputEvent> events;
+    bool tapFails = false;
+};
+
 struct SyntheticWorld {
     // The machine's model identifier; absent: none can be read.
     std::optional<std::string> machineModel;
@@ -210,6 +239,7 @@ struct SyntheticWorld {
     std::vector<SyntheticDevice> devices;
     SyntheticAudio systemAudio{48000, 2, 1024, {440, 0.25}};
     SyntheticAuthorization authorization;
+    SyntheticInput input;
 
     // One 1920x1080 display at 30 fps, one application with one window, one
     // camera (1280x720 at 30 fps), one microphone (440 Hz at 48 kHz, mono).

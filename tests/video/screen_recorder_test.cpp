@@ -159,24 +159,26 @@ TEST(ScreenRecorder, DisplayP3WithH264RecordsSRGBInBGRAAfterOneWarning) {
               platform::kVTProfileLevel_HEVC_Main10_AutoLevel);
 }
 
-TEST(ScreenRecorder, InputEventsOfADisplayFailAtPrepareByName) {
+TEST(ScreenRecorder, ItFeedsTheItemsSharedRectangleTimelineThatTheInputRecorderReads) {
     SyntheticWorld world;
-    world.displays = {display(1, {{0, 0}, {1920, 1080}})};
+    world.displays = {display(1, {{100, 50}, {640, 360}})};
     World installed(world);
     LogCapture log;
     Assembly assembly;
     auto item = displayItem("ev", 1);
     item.mouseEvents = true;
     item.keyboardEvents = true;
-    auto recorders = makeScreenRecorders(item, assembly.context(log.logger));
+    const auto context = assembly.context(log.logger);
+    // The input recorders come from the metadata folder: this one makes the screen alone.
+    auto recorders = makeScreenRecorders(item, context);
     ASSERT_EQ(recorders.size(), 1u);
-    try {
-        recorders[0]->prepare();
-        FAIL() << "input events were dropped silently";
-    } catch (const OVError& e) {
-        EXPECT_EQ(e.code(), OVError::Code::configurationNotSupported);
-        EXPECT_NE(e.debugDescription().find("mouse_events and keyboard_events"), std::string::npos);
-    }
+    auto recorder = screen(recorders);
+    const auto shared = context.recordingRectTimelines->forItem("ev", log.logger);
+    EXPECT_EQ(recorder->recordingRectTimeline(), shared);
+    recorder->prepare();
+    ASSERT_FALSE(shared->timeline().empty());
+    EXPECT_EQ(shared->timeline().front().rect, (CGRect{{100, 50}, {640, 360}}));
+    recorder->cancel();
 }
 
 // ---- Content filters.
