@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <vector>
 
 #include "support/child_process.h"
 
@@ -21,17 +22,26 @@ class RpcProcessTest : public ::testing::Test {
 protected:
     void SetUp() override { rpc = startRpc(); }
 
-    // Sends one request and reads one response.
+    // Sends one request and reads until its response. Callbacks that come
+    // first (log lines once a handler is set, from threads of their own) are
+    // kept in `callbacksBeforeResponses`.
     nlohmann::json call(const nlohmann::json& message) {
         rpc->writeJSON(message);
-        auto response = rpc->readJSON();
-        if (!response) {
-            ADD_FAILURE() << "no response to " << message.dump() << "; stderr: " << rpc->stderrText();
-            return nlohmann::json();
+        for (;;) {
+            auto response = rpc->readJSON();
+            if (!response) {
+                ADD_FAILURE() << "no response to " << message.dump() << "; stderr: " << rpc->stderrText();
+                return nlohmann::json();
+            }
+            if (!response->contains("id") && message.contains("id")) {
+                callbacksBeforeResponses.push_back(*response);
+                continue;
+            }
+            return *response;
         }
-        return *response;
     }
 
+    std::vector<nlohmann::json> callbacksBeforeResponses;
     std::unique_ptr<ChildProcess> rpc;
 };
 
