@@ -175,7 +175,7 @@ void DisplayDiscovery::updateDisplays(const std::vector<CGInterop::Display>& dis
             changed = true;
         }
         for (auto& [id, display] : all_) {
-            const auto found = std::find_if(disps.begin(), disps.end(), [&](const auto& d) { return d.displayID == id; });
+            const auto found = std::find_if(disps.begin(), disps.end(), [&, id = id](const auto& d) { return d.displayID == id; });
             if (found != disps.end()) {
                 if (display->setLocalizedName(found->displayName(disps))) notices.add(display, "localizedName");
                 if (display->setIsMain(found->isMain)) notices.add(display, "isMain");

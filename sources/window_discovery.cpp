@@ -172,7 +172,7 @@ void WindowDiscovery::updateWindows(const std::vector<CGInterop::Window>& wins) 
             changed = true;
         }
         for (auto& [id, window] : all_) {
-            const auto found = std::find_if(wins.begin(), wins.end(), [&](const auto& w) { return w.number == id; });
+            const auto found = std::find_if(wins.begin(), wins.end(), [&, id = id](const auto& w) { return w.number == id; });
             if (found != wins.end()) {
                 if (window->setTitle(found->name)) notices.add(window, "title");
                 if (window->setFrame(found->bounds)) notices.add(window, "frame");

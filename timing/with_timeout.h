@@ -37,16 +37,14 @@ struct CancellationError : std::runtime_error {
 
 namespace detail {
 
-// Chosen lazily: only the form the body offers may be named.
+// Chosen lazily: only the form the body offers may be named. Derived from
+// invoke_result so that a type that is no body has no `type` (a substitution
+// failure, not an error, when overloads are tried).
 template <class F>
-struct TimeoutBodyResultOf {
-    using type = std::invoke_result_t<F&>;
-};
+struct TimeoutBodyResultOf : std::invoke_result<F&> {};
 template <class F>
     requires std::is_invocable_v<F&, std::stop_token>
-struct TimeoutBodyResultOf<F> {
-    using type = std::invoke_result_t<F&, std::stop_token>;
-};
+struct TimeoutBodyResultOf<F> : std::invoke_result<F&, std::stop_token> {};
 template <class F>
 using TimeoutBodyResult = typename TimeoutBodyResultOf<F>::type;
 
